@@ -1,0 +1,1 @@
+// Simulated audio engine: filled in by the simulated-engine work.

@@ -1,0 +1,2 @@
+// The shared simulation: filled in by the simulated-engine work.
+namespace ktsim {}

@@ -1,0 +1,1 @@
+// Simulated video engine: filled in by the simulated-engine work.
