@@ -5,6 +5,7 @@
 
 #include <cstddef>
 
+#ifndef CONVOKE_TEST_WITHOUT_PRODUCT
 #include "kt/MemoryManager.h"
 
 namespace {
@@ -31,11 +32,14 @@ class MemoryLeakListener : public ::testing::EmptyTestEventListener {
 };
 
 }  // namespace
+#endif  // CONVOKE_TEST_WITHOUT_PRODUCT
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
   // GoogleTest calls OnTestEnd in reverse order of appending, so this check runs before the result
   // printer and a leaking test is reported as FAILED.
+#ifndef CONVOKE_TEST_WITHOUT_PRODUCT
   ::testing::UnitTest::GetInstance()->listeners().Append(new MemoryLeakListener);
+#endif
   return RUN_ALL_TESTS();
 }

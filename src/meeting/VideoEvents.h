@@ -1,0 +1,66 @@
+// Telmora::VideoEvents turns the video engine's event documents into registry changes, delegate
+// notifications and per-stream frame timer tasks. videoCallback, registered with the video engine,
+// parses each document and routes it by the event's name to one handler.
+//
+// Thread safety: handlers run on the video engine's thread; the host stops, pauses and resumes
+// tasks from its own threads and the tasks' own threads look themselves up. timerTasks is guarded
+// by tasksMutex_, which is never held while the delegate, an engine or the log sink runs.
+#ifndef CONVOKE_MEETING_VIDEOEVENTS_H
+#define CONVOKE_MEETING_VIDEOEVENTS_H
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "meeting/Export.h"
+#include "meeting/VideoTimerTask.h"
+
+namespace kt {
+class XMLElement;
+}
+
+extern "C" CONVOKE_EXPORT void videoCallback(void* context, const char* xml);
+
+namespace Telmora {
+
+class Convoke;
+
+class VideoEvents {
+ public:
+  static VideoEvents* sharedInstance();
+
+  // Each handler receives the "event" element and returns true when the event carried what it
+  // needs.
+  bool processVideoSiteChanged(kt::XMLElement* event);
+  bool processVideoStreamBufferReady(kt::XMLElement* event);
+  bool processVideoStreamSizeChanged(kt::XMLElement* event);
+  bool processRemoteLayoutChanged(kt::XMLElement* event);
+  bool processVideoStreamRemoved(kt::XMLElement* event);
+  // Available, but the router drops "video_update_conditions" events without calling it.
+  bool processVideoUpdateConditions(kt::XMLElement* event);
+
+  // Stops and erases the task of a stream (logs when there is none).
+  void stopTaskForStreamId(const std::string& streamId);
+  // Stops every task in stream-id order, then erases them all.
+  void stopTasks();
+  // stop() / run() on the registered task of a stream; nothing when there is none.
+  void pauseTask(const std::string& streamId);
+  void resumeTask(const std::string& streamId);
+
+  // The state of the task registered for a stream, or null.
+  std::shared_ptr<VideoTimerTask::State> registeredState(const std::string& streamId) const;
+  std::size_t taskCount() const;
+
+  Convoke* const meeting;
+
+ private:
+  VideoEvents();
+
+  mutable std::mutex tasksMutex_;
+  std::map<std::string, VideoTimerTask> timerTasks;  // guarded by tasksMutex_
+};
+
+}  // namespace Telmora
+
+#endif  // CONVOKE_MEETING_VIDEOEVENTS_H

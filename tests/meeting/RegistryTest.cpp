@@ -1,0 +1,109 @@
+// The registry's indexes must give exactly the answers of a walk in key order.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "meeting/Participant.h"
+#include "meeting/Registry.h"
+
+namespace Telmora {
+namespace {
+
+Participant withStreams(const std::string& uuid, const std::string& audio,
+                        std::initializer_list<const char*> videos) {
+  Participant p(uuid, uuid + "-site", false);
+  p.audioInfo = AudioInfo(audio, "site");
+  for (const char* id : videos)
+    p.videoInfos.emplace(id, VideoInfo(id, "", "", "", "", "", "", "", ""));
+  return p;
+}
+
+TEST(Records, ConversionsAreExactAndTruncating) {
+  const VideoInfo info("v", "s", "n", "c", "true", "TRUE", "300", "12abc", "x");
+  EXPECT_TRUE(info.local);
+  EXPECT_FALSE(info.active);
+  EXPECT_EQ(info.layout, 44);
+  EXPECT_EQ(info.width, 12);
+  EXPECT_EQ(info.height, 0);
+  EXPECT_FALSE(VideoInfo("v", "", "", "", "1", "true ", "", "", "").local);
+  EXPECT_FALSE(VideoInfo("v", "", "", "", "1", "true ", "", "", "").active);
+}
+
+TEST(Registry, StreamLookupsReturnTheFirstParticipantInKeyOrder) {
+  Registry registry;
+  registry.update([](Registry::Editor& e) {
+    e.insert("carol", withStreams("carol", "a1", {"v1", "v2"}));
+    e.insert("bob", withStreams("bob", "a1", {"v2"}));
+    e.insert("dave", withStreams("dave", "", {}));
+    e.insert("alice", withStreams("alice", "", {}));
+  });
+  Participant out;
+  ASSERT_TRUE(registry.findByVideoStreamId("v2", out));
+  EXPECT_EQ(out.uuid, "bob");
+  ASSERT_TRUE(registry.findByAudioStreamId("a1", out));
+  EXPECT_EQ(out.uuid, "bob");
+  ASSERT_TRUE(registry.findByAudioStreamId("", out));  // first one without an audio stream
+  EXPECT_EQ(out.uuid, "alice");
+
+  // The indexes follow every change.
+  registry.update([](Registry::Editor& e) {
+    e.eraseVideoInfo("bob", "v2");
+    e.setAudioInfo("bob", AudioInfo("a2", "x"));
+    e.erase("alice");
+  });
+  ASSERT_TRUE(registry.findByVideoStreamId("v2", out));
+  EXPECT_EQ(out.uuid, "carol");
+  ASSERT_TRUE(registry.findByAudioStreamId("a1", out));
+  EXPECT_EQ(out.uuid, "carol");
+  ASSERT_TRUE(registry.findByAudioStreamId("a2", out));
+  EXPECT_EQ(out.uuid, "bob");
+  ASSERT_TRUE(registry.findByAudioStreamId("", out));
+  EXPECT_EQ(out.uuid, "dave");
+
+  // A miss leaves the output alone; insert keeps an existing entry.
+  out.uuid = "unchanged";
+  EXPECT_FALSE(registry.findByVideoStreamId("nope", out));
+  EXPECT_EQ(out.uuid, "unchanged");
+  EXPECT_FALSE(registry.update(
+      [](Registry::Editor& e) { return e.insert("bob", withStreams("bob", "zz", {})); }));
+  EXPECT_FALSE(registry.findByAudioStreamId("zz", out));
+
+  registry.clear();
+  EXPECT_EQ(registry.size(), 0u);
+  EXPECT_FALSE(registry.findByAudioStreamId("", out));
+}
+
+TEST(Registry, SnapshotsStayValidWhileTheRegistryChanges) {
+  Registry registry;
+  registry.update([](Registry::Editor& e) { e.insert("bob", withStreams("bob", "a1", {"v1"})); });
+  ParticipantSnapshot before = registry.snapshotByKey("bob");
+  registry.update([](Registry::Editor& e) {
+    e.modifyVideoInfo("bob", "v1", [](VideoInfo& v) { v.width = 99; });
+  });
+  registry.clear();
+  EXPECT_EQ(before->videoInfos.at("v1").width, 0);
+}
+
+TEST(Registry, ConcurrentUpdatesAndLookupsAreSafe) {
+  Registry registry;
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    Participant out;
+    while (!done.load()) {
+      registry.findByAudioStreamId("a1", out);
+      registry.findByVideoStreamId("v1", out);
+    }
+  });
+  for (int i = 0; i < 2000; ++i) {
+    const std::string key = "p" + std::to_string(i % 7);
+    registry.update([&](Registry::Editor& e) {
+      if (!e.insert(key, withStreams(key, "a1", {"v1"}))) e.erase(key);
+    });
+  }
+  done.store(true);
+  reader.join();
+  SUCCEED();
+}
+
+}  // namespace
+}  // namespace Telmora

@@ -1,0 +1,184 @@
+// Frame timer tasks: registration, replacement, stop-then-erase and pause/resume, with a recording
+// delegate and the simulated video engine's frame switch.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "ktsim/ktsim.h"
+#include "meeting/Convoke.h"
+#include "meeting/VideoEvents.h"
+#include "meeting/VideoTimerTask.h"
+
+namespace Telmora {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Records frames and log lines; every other notification is ignored.
+class RecordingDelegate : public MeetingDelegate {
+ public:
+  void participantAdded(const Participant&) override {}
+  void participantRemoved(const Participant&) override {}
+  void participantAudioAdded(const Participant&) override {}
+  void participantAudioUpdated(const Participant&) override {}
+  void participantVideoAdded(const Participant&, std::string) override {}
+  void participantVideoUpdated(const Participant&, std::string) override {}
+  void participantVideoRemoved(const Participant&, std::string) override {}
+  void participantVideoRemoteLayoutChanged(const Participant&, std::string) override {}
+  void videoStreamBufferReady(std::string, void*) override {}
+  void videoFrameReady(std::string id, void* buffer) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    frames.push_back(id + ":" + std::to_string(reinterpret_cast<uintptr_t>(buffer)));
+  }
+  void inputMeterChanged(unsigned char) override {}
+  void outputMeterChanged(unsigned char) override {}
+  void participantAmplitudeChanged(const Participant&, unsigned char, bool) override {}
+  void logMessage(unsigned int level, const std::string& text) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    logs.push_back(std::to_string(level) + " " + text);
+  }
+  void binaryPlaybackEnded(unsigned long long) override {}
+  void binaryPlaybackFailed(unsigned long long) override {}
+  void audioConditionUpdate(AudioCondition&) override {}
+  void videoConditionUpdate(VideoCondition&) override {}
+
+  std::size_t frameCount() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return frames.size();
+  }
+  bool logged(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const std::string& line : logs) {
+      if (line == "6 " + text) return true;
+    }
+    return false;
+  }
+
+  std::mutex mutex;
+  std::vector<std::string> frames;
+  std::vector<std::string> logs;
+};
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = 4000ms) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(5ms);
+  }
+  return true;
+}
+
+class TimerTaskTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ktsim_reset();
+    Convoke::sharedInstance()->setDelegate(&delegate);
+  }
+  void TearDown() override {
+    VideoEvents::sharedInstance()->stopTasks();
+    // Every worker ends within its 2-second wait.
+    EXPECT_TRUE(waitUntil([] { return VideoTimerTask::runningThreads() == 0; }));
+    Convoke::sharedInstance()->setDelegate(nullptr);
+    ktsim_reset();
+  }
+  void bufferReady(const std::string& id, const std::string& handle) {
+    ktsim_deliver_sync(KTSIM_VIDEO, ("<event name=\"video_stream_buffer_ready\"><stream id=\"" +
+                                     id + "\" pixel_buffer=\"" + handle + "\"/></event>")
+                                        .c_str());
+  }
+  RecordingDelegate delegate;
+};
+
+TEST_F(TimerTaskTest, ReadyFramesReachTheDelegateWithTheFirstBufferHandle) {
+  ktsim_set_frame_ready("v1", 1);
+  bufferReady("v1", "7");
+  bufferReady("v1", "8");  // keeps the first task and its handle
+  ASSERT_TRUE(waitUntil([&] { return delegate.frameCount() >= 3; }));
+  EXPECT_EQ(VideoEvents::sharedInstance()->taskCount(), 1u);
+  std::lock_guard<std::mutex> lock(delegate.mutex);
+  for (const std::string& frame : delegate.frames) EXPECT_EQ(frame, "v1:7");
+}
+
+TEST_F(TimerTaskTest, StopThenEraseEndsTheThreadWithoutAnotherFrame) {
+  ktsim_set_frame_ready("v1", 1);
+  bufferReady("v1", "7");
+  ASSERT_TRUE(waitUntil([&] { return delegate.frameCount() >= 1; }));
+  VideoEvents::sharedInstance()->stopTaskForStreamId("v1");
+  ASSERT_TRUE(
+      waitUntil([&] { return delegate.logged("Convoke: TimerTask: Stopped for streamID v1"); }));
+  const std::size_t frames = delegate.frameCount();
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(delegate.frameCount(), frames);
+  EXPECT_TRUE(delegate.logged("Convoke: TimerTask: Stopping TimerTask for streamID v1"));
+  VideoEvents::sharedInstance()->stopTaskForStreamId("v1");
+  EXPECT_TRUE(
+      delegate.logged("Convoke: stopTaskForStreamId:  Could not find timer task for streamId: v1"));
+}
+
+TEST_F(TimerTaskTest, PauseAndResumeTheRegisteredTask) {
+  ktsim_set_frame_ready("v1", 1);
+  bufferReady("v1", "7");
+  ASSERT_TRUE(waitUntil([&] { return delegate.frameCount() >= 1; }));
+  Convoke::sharedInstance()->pauseVideoFrameProcessing("v1");
+  std::this_thread::sleep_for(100ms);
+  const std::size_t paused = delegate.frameCount();
+  std::this_thread::sleep_for(150ms);
+  EXPECT_EQ(delegate.frameCount(), paused);
+  Convoke::sharedInstance()->resumeVideoFrameProcessing("v1");
+  EXPECT_TRUE(waitUntil([&] { return delegate.frameCount() > paused; }));
+  Convoke::sharedInstance()->pauseVideoFrameProcessing("unknown");  // nothing happens
+}
+
+TEST_F(TimerTaskTest, ATaskThatIsNotTheRegisteredOneEndsAtItsNextFrame) {
+  ktsim_set_frame_ready("v1", 1);
+  bufferReady("v1", "7");
+  VideoTimerTask stray("v1", 9);
+  stray.run();
+  ASSERT_TRUE(waitUntil([&] {
+    std::lock_guard<std::mutex> lock(delegate.mutex);
+    for (const std::string& line : delegate.logs) {
+      if (line.find(" is no longer the registered timer for streamID v1") != std::string::npos) {
+        return true;
+      }
+    }
+    return false;
+  }));
+  std::lock_guard<std::mutex> lock(delegate.mutex);
+  for (const std::string& frame : delegate.frames) EXPECT_EQ(frame, "v1:7");
+}
+
+TEST_F(TimerTaskTest, NoFrameMeansNoCallbackButThePollingGoesOn) {
+  bufferReady("v1", "7");
+  ASSERT_TRUE(waitUntil([] { return ktsim_frame_polls("v1") >= 3; }));
+  EXPECT_EQ(delegate.frameCount(), 0u);
+}
+
+TEST_F(TimerTaskTest, ExitMeetingStopsEveryTask) {
+  ktsim_set_frame_ready("v1", 1);
+  ktsim_set_frame_ready("v2", 1);
+  bufferReady("v1", "1");
+  bufferReady("v2", "2");
+  ASSERT_TRUE(waitUntil([&] { return delegate.frameCount() >= 2; }));
+  Convoke::sharedInstance()->exitMeeting();
+  EXPECT_EQ(VideoEvents::sharedInstance()->taskCount(), 0u);
+  std::this_thread::sleep_for(100ms);
+  const std::size_t frames = delegate.frameCount();
+  std::this_thread::sleep_for(150ms);
+  EXPECT_EQ(delegate.frameCount(), frames);
+}
+
+TEST_F(TimerTaskTest, LoggingReachesTheDelegateAtLevelSix) {
+  Convoke::sharedInstance()->enableAudioInput("");
+  ktsim_deliver_sync(KTSIM_AUDIO, "<event name=\"nope\"/>");
+  ktsim_deliver_sync(KTSIM_AUDIO, "<event/>");
+  ktsim_deliver_sync(KTSIM_VIDEO, "<event/>");
+  EXPECT_TRUE(delegate.logged("Convoke: audioCallback: unhandled event name: nope"));
+  EXPECT_TRUE(delegate.logged("audioCallback, can't find event name"));
+  EXPECT_TRUE(delegate.logged("Convoke: videoCallback, can't find event name"));
+}
+
+}  // namespace
+}  // namespace Telmora

@@ -1,0 +1,489 @@
+/*
+ * convoke-demo: a host written in plain C against convoke.h only. It joins a meeting (with the
+ * simulated engines: a scripted meeting on this machine), picks a microphone, speakers and camera
+ * from the device lists, renders every remote video stream as it appears, and shows the meeting
+ * live until Ctrl-C or the end of --duration. It then leaves and prints a summary.
+ *
+ *   convoke-demo [--participants N] [--duration SECONDS] [--name NAME] [--meeting ID]
+ *                [--server HOST] [--snapshot FILE.png] [--plain]
+ *
+ * On a terminal the view is redrawn a few times per second; otherwise (or with --plain) it prints
+ * plain lines. --snapshot writes a mosaic of the last frame of every video stream as a PNG.
+ */
+#define _POSIX_C_SOURCE 200809L
+
+#include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "convoke/convoke.h"
+#include "demo_frame.h"
+
+#define MAX_PARTICIPANTS 64
+#define MAX_STREAMS 128
+#define TEXT 128
+
+typedef struct {
+  char uuid[TEXT];
+  int present;
+  int amplitude;
+  int muted;
+} Person;
+
+typedef struct {
+  char id[TEXT];
+  char owner[TEXT];
+  int present;
+  int enableRequested; /* queued for the main loop, which enables it */
+  int enabled;
+  unsigned long frames;
+  unsigned long framesAtLastTick;
+  double fps;
+  void* buffer;
+  DemoImage last; /* the last frame copied for --snapshot */
+} Stream;
+
+typedef struct {
+  pthread_mutex_t lock;
+  Person people[MAX_PARTICIPANTS];
+  Stream streams[MAX_STREAMS];
+  int inputMeter;
+  int outputMeter;
+  int conditions[10];
+  int haveConditions;
+  unsigned long events;
+  unsigned long arrivals;
+  unsigned long departures;
+  unsigned long playbacksEnded;
+  int wantSnapshot;
+} Model;
+
+static Model model; /* the lock is initialised in main, before any callback is registered */
+static volatile sig_atomic_t interrupted = 0;
+static int joinResult = -1;
+
+/* ---- model updates (called on engine and timer threads) ------------------------------------ */
+
+static Person* person(const char* uuid, int create) {
+  int i, free = -1;
+  for (i = 0; i < MAX_PARTICIPANTS; ++i) {
+    if (model.people[i].present && strcmp(model.people[i].uuid, uuid) == 0) return &model.people[i];
+    if (!model.people[i].present && free < 0) free = i;
+  }
+  if (!create || free < 0) return NULL;
+  memset(&model.people[free], 0, sizeof(Person));
+  snprintf(model.people[free].uuid, TEXT, "%s", uuid);
+  model.people[free].present = 1;
+  return &model.people[free];
+}
+
+static Stream* stream(const char* id, int create) {
+  int i, free = -1;
+  for (i = 0; i < MAX_STREAMS; ++i) {
+    if (model.streams[i].present && strcmp(model.streams[i].id, id) == 0) return &model.streams[i];
+    if (!model.streams[i].present && free < 0) free = i;
+  }
+  if (!create || free < 0) return NULL;
+  demo_image_free(&model.streams[free].last);
+  memset(&model.streams[free], 0, sizeof(Stream));
+  snprintf(model.streams[free].id, TEXT, "%s", id);
+  model.streams[free].present = 1;
+  return &model.streams[free];
+}
+
+static void onParticipantAdded(const char* uuid) {
+  pthread_mutex_lock(&model.lock);
+  person(uuid, 1);
+  ++model.arrivals;
+  ++model.events;
+  pthread_mutex_unlock(&model.lock);
+}
+
+static void onParticipantRemoved(const char* uuid) {
+  int i;
+  pthread_mutex_lock(&model.lock);
+  Person* p = person(uuid, 0);
+  if (p != NULL) p->present = 0;
+  for (i = 0; i < MAX_STREAMS; ++i) {
+    if (model.streams[i].present && strcmp(model.streams[i].owner, uuid) == 0) {
+      model.streams[i].present = 0;
+    }
+  }
+  ++model.departures;
+  ++model.events;
+  pthread_mutex_unlock(&model.lock);
+}
+
+static void onVideoAdded(const char* uuid, const char* id) {
+  pthread_mutex_lock(&model.lock);
+  Stream* s = stream(id, 1);
+  if (s != NULL) {
+    snprintf(s->owner, TEXT, "%s", uuid);
+    s->enableRequested = 1;
+  }
+  ++model.events;
+  pthread_mutex_unlock(&model.lock);
+}
+
+static void onVideoRemoved(const char* uuid, const char* id) {
+  (void)uuid;
+  pthread_mutex_lock(&model.lock);
+  Stream* s = stream(id, 0);
+  if (s != NULL) s->present = 0;
+  ++model.events;
+  pthread_mutex_unlock(&model.lock);
+}
+
+static void onFrameReady(const char* id, void* buffer) {
+  pthread_mutex_lock(&model.lock);
+  Stream* s = stream(id, 0);
+  if (s != NULL) {
+    ++s->frames;
+    s->buffer = buffer;
+    if (model.wantSnapshot) demo_image_copy_frame(&s->last, buffer);
+  }
+  pthread_mutex_unlock(&model.lock);
+}
+
+static void onAmplitude(const char* uuid, unsigned char amplitude, bool muted) {
+  pthread_mutex_lock(&model.lock);
+  Person* p = person(uuid, 0);
+  if (p != NULL) {
+    p->amplitude = amplitude;
+    p->muted = muted;
+  }
+  ++model.events;
+  pthread_mutex_unlock(&model.lock);
+}
+
+static void onInputMeter(unsigned char level) {
+  pthread_mutex_lock(&model.lock);
+  model.inputMeter = level;
+  pthread_mutex_unlock(&model.lock);
+}
+
+static void onOutputMeter(unsigned char level) {
+  pthread_mutex_lock(&model.lock);
+  model.outputMeter = level;
+  pthread_mutex_unlock(&model.lock);
+}
+
+static void onAudioConditions(int a, int b, int c, int d, int e, int f, int g, int h, int i,
+                              int j) {
+  pthread_mutex_lock(&model.lock);
+  int values[10];
+  values[0] = a;
+  values[1] = b;
+  values[2] = c;
+  values[3] = d;
+  values[4] = e;
+  values[5] = f;
+  values[6] = g;
+  values[7] = h;
+  values[8] = i;
+  values[9] = j;
+  memcpy(model.conditions, values, sizeof values);
+  model.haveConditions = 1;
+  pthread_mutex_unlock(&model.lock);
+}
+
+static void onPlaybackEnded(unsigned long long id) {
+  (void)id;
+  pthread_mutex_lock(&model.lock);
+  ++model.playbacksEnded;
+  pthread_mutex_unlock(&model.lock);
+}
+
+static void onJoined(bool ok) { joinResult = ok ? 1 : 0; }
+
+static void onSignal(int signal) {
+  (void)signal;
+  interrupted = 1;
+}
+
+/* ISO C has no cast between function and object pointers: copy the representation. */
+#define REGISTER(slot, fn)                     \
+  do {                                         \
+    void* pointer_;                            \
+    memcpy(&pointer_, &(fn), sizeof pointer_); \
+    SetDelegateCallback((slot), pointer_);     \
+  } while (0)
+
+static void registerCallbacks(void) {
+  ConvokeParticipantCallback added = onParticipantAdded, removed = onParticipantRemoved;
+  ConvokeParticipantStreamCallback videoAdded = onVideoAdded, videoRemoved = onVideoRemoved;
+  ConvokeVideoBufferCallback frame = onFrameReady;
+  ConvokeAmplitudeCallback amplitude = onAmplitude;
+  ConvokeMeterCallback input = onInputMeter, output = onOutputMeter;
+  ConvokeAudioConditionCallback conditions = onAudioConditions;
+  ConvokePlaybackCallback ended = onPlaybackEnded;
+  REGISTER(DelegateCallbackSlotParticipantAdded, added);
+  REGISTER(DelegateCallbackSlotParticipantRemoved, removed);
+  REGISTER(DelegateCallbackSlotParticipantVideoAdded, videoAdded);
+  REGISTER(DelegateCallbackSlotParticipantVideoRemoved, videoRemoved);
+  REGISTER(DelegateCallbackSlotVideoFrameReady, frame);
+  REGISTER(DelegateCallbackSlotParticipantAmplitudeChanged, amplitude);
+  REGISTER(DelegateCallbackSlotInputMeterChanged, input);
+  REGISTER(DelegateCallbackSlotOutputMeterChanged, output);
+  REGISTER(DelegateCallbackSlotAudioConditionUpdate, conditions);
+  REGISTER(DelegateCallbackSlotBinaryPlaybackEnded, ended);
+}
+
+/* ---- devices ------------------------------------------------------------------------------ */
+
+static void pickDevices(void) {
+  char** list = NULL;
+  char** screens = NULL;
+  unsigned short count = 0, screenCount = 0;
+  char* preferred = NULL;
+
+  getAudioInputDevices(&list, &count, &preferred);
+  if (count > 0) {
+    const char* mic = preferred != NULL ? preferred : list[0];
+    printf("microphone: %s (%u available)%s\n", mic, count,
+           enableAudioInput(mic) ? "" : getLastError());
+  }
+  free(preferred);
+  preferred = NULL;
+
+  getAudioOutputDevices(&list, &count, &preferred);
+  if (count > 0) {
+    const char* speaker = preferred != NULL ? preferred : list[0];
+    printf("speakers:   %s (%u available)%s\n", speaker, count,
+           enableAudioOutput(speaker) ? "" : getLastError());
+  }
+  free(preferred);
+
+  getVideoDevices(&list, &count, &screens, &screenCount);
+  if (count > 0) {
+    char camera[TEXT];
+    char** codecs = NULL;
+    unsigned short codecCount = 0;
+    snprintf(camera, sizeof camera, "%s", list[0]);
+    getSupportedVideoSendResolutions(camera, &codecs, &codecCount);
+    const char* mode = codecCount > 0 ? codecs[0] : "default";
+    printf("camera:     %s in %s (%u cameras, %u screens)%s\n", camera, mode, count, screenCount,
+           enableVideoCapture(camera, mode) ? "" : getLastError());
+  }
+}
+
+/* ---- view --------------------------------------------------------------------------------- */
+
+static double now(void) {
+  struct timespec t;
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return (double)t.tv_sec + (double)t.tv_nsec / 1e9;
+}
+
+static void bar(char* out, int level, int width) {
+  int i, filled = level * width / 100;
+  if (filled > width) filled = width;
+  for (i = 0; i < width; ++i) out[i] = i < filled ? '#' : '.';
+  out[width] = '\0';
+}
+
+/* Enables the streams announced since the last pass; runs on the main thread. */
+static void enablePendingStreams(void) {
+  char pending[MAX_STREAMS][TEXT];
+  int i, n = 0;
+  pthread_mutex_lock(&model.lock);
+  for (i = 0; i < MAX_STREAMS; ++i) {
+    if (model.streams[i].present && model.streams[i].enableRequested) {
+      model.streams[i].enableRequested = 0;
+      snprintf(pending[n++], TEXT, "%s", model.streams[i].id);
+    }
+  }
+  pthread_mutex_unlock(&model.lock);
+  for (i = 0; i < n; ++i) {
+    const char* local = NULL;
+    getVideoInfoString(pending[i], InfoKeyId, &local);
+    if (getVideoInfoBool(pending[i], InfoKeyLocal)) continue; /* our own camera */
+    if (enableVideoStream(pending[i], "RGB888")) {
+      pthread_mutex_lock(&model.lock);
+      Stream* s = stream(pending[i], 0);
+      if (s != NULL) s->enabled = 1;
+      pthread_mutex_unlock(&model.lock);
+    }
+  }
+}
+
+static void tickRates(double elapsed) {
+  int i;
+  pthread_mutex_lock(&model.lock);
+  for (i = 0; i < MAX_STREAMS; ++i) {
+    Stream* s = &model.streams[i];
+    if (!s->present) continue;
+    s->fps = (double)(s->frames - s->framesAtLastTick) / elapsed;
+    s->framesAtLastTick = s->frames;
+  }
+  pthread_mutex_unlock(&model.lock);
+}
+
+static void draw(int redraw, double remaining) {
+  int i, j;
+  char meter[2][24];
+  pthread_mutex_lock(&model.lock);
+  if (redraw) printf("\033[H\033[2J");
+  bar(meter[0], model.inputMeter, 20);
+  bar(meter[1], model.outputMeter, 20);
+  printf("Convoke demo: %.0f s left, %lu events  |  mic %s  spk %s\n", remaining, model.events,
+         meter[0], meter[1]);
+  if (model.haveConditions) {
+    printf(
+        "network: received %d sent %d dropped %d/%d cpu %d%% bars %d up %d%%/%dms down %d%%/%dms\n",
+        model.conditions[0], model.conditions[1], model.conditions[2], model.conditions[3],
+        model.conditions[4], model.conditions[5], model.conditions[6], model.conditions[7],
+        model.conditions[8], model.conditions[9]);
+  }
+  for (i = 0; i < MAX_PARTICIPANTS; ++i) {
+    Person* p = &model.people[i];
+    const char* site = NULL;
+    char level[24];
+    if (!p->present) continue;
+    getParticipantString(p->uuid, InfoKeySite, &site);
+    bar(level, p->amplitude, 12);
+    printf("%c %-28.28s %-22.22s %s %s\n", getParticipantBool(p->uuid, InfoKeyLocal) ? '*' : ' ',
+           p->uuid, site != NULL ? site : "", level, p->muted ? "muted" : "");
+    for (j = 0; j < MAX_STREAMS; ++j) {
+      Stream* s = &model.streams[j];
+      const char* name = NULL;
+      char nameCopy[TEXT];
+      if (!s->present || strcmp(s->owner, p->uuid) != 0) continue;
+      getVideoInfoString(s->id, InfoKeyName, &name);
+      snprintf(nameCopy, sizeof nameCopy, "%s", name != NULL ? name : "");
+      printf("    video %-10.10s %-26.26s %4dx%-4d layout %d  %5.1f fps%s\n", s->id, nameCopy,
+             getVideoInfoInt(s->id, InfoKeyWidth), getVideoInfoInt(s->id, InfoKeyHeight),
+             getVideoInfoInt(s->id, InfoKeyLayout), s->fps,
+             getVideoInfoBool(s->id, InfoKeyLocal) ? "  (local)" : "");
+    }
+  }
+  fflush(stdout);
+  pthread_mutex_unlock(&model.lock);
+}
+
+static void usage(const char* program) {
+  fprintf(stderr,
+          "usage: %s [--participants N] [--duration SECONDS] [--name NAME] [--meeting ID]\n"
+          "          [--server HOST] [--snapshot FILE.png] [--plain]\n",
+          program);
+}
+
+int main(int argc, char** argv) {
+  int participants = 0, duration = 20, plain = !isatty(STDOUT_FILENO), i;
+  const char* name = "Demo User";
+  const char* meeting = "demo";
+  const char* server = "localhost";
+  const char* snapshot = NULL;
+  char meetingId[256];
+  struct sigaction action;
+
+  for (i = 1; i < argc; ++i) {
+    const char* arg = argv[i];
+    const char* value = i + 1 < argc ? argv[i + 1] : NULL;
+    if (strcmp(arg, "--plain") == 0) {
+      plain = 1;
+    } else if (value == NULL) {
+      usage(argv[0]);
+      return 2;
+    } else if (strcmp(arg, "--participants") == 0) {
+      participants = atoi(value), ++i;
+    } else if (strcmp(arg, "--duration") == 0) {
+      duration = atoi(value), ++i;
+    } else if (strcmp(arg, "--name") == 0) {
+      name = value, ++i;
+    } else if (strcmp(arg, "--meeting") == 0) {
+      meeting = value, ++i;
+    } else if (strcmp(arg, "--server") == 0) {
+      server = value, ++i;
+    } else if (strcmp(arg, "--snapshot") == 0) {
+      snapshot = value, ++i;
+    } else {
+      usage(argv[0]);
+      return 2;
+    }
+  }
+  /* The simulated engines read the meeting's size from the identifier's query part. */
+  if (participants > 0) {
+    snprintf(meetingId, sizeof meetingId, "%s?participants=%d", meeting, participants);
+  } else {
+    snprintf(meetingId, sizeof meetingId, "%s", meeting);
+  }
+  pthread_mutex_init(&model.lock, NULL);
+  model.wantSnapshot = snapshot != NULL;
+
+  memset(&action, 0, sizeof action);
+  action.sa_handler = onSignal;
+  sigaction(SIGINT, &action, NULL);
+  sigaction(SIGTERM, &action, NULL);
+
+  ConvokeInitialize();
+  registerCallbacks();
+  printf("joining %s on %s as %s\n", meetingId, server, name);
+  joinMeeting(server, meetingId, "demo-meeting-key", "", name, onJoined);
+  if (joinResult != 1) {
+    fprintf(stderr, "could not join the meeting\n");
+    return 1;
+  }
+  pickDevices();
+
+  {
+    const double start = now();
+    double lastTick = start, lastPlain = start;
+    while (!interrupted && now() - start < duration) {
+      const struct timespec pause = {0, 250 * 1000 * 1000};
+      const double t = now();
+      enablePendingStreams();
+      if (t - lastTick >= 1.0) {
+        tickRates(t - lastTick);
+        lastTick = t;
+      }
+      if (!plain) {
+        draw(1, duration - (t - start));
+      } else if (t - lastPlain >= 2.0) {
+        draw(0, duration - (t - start));
+        printf("\n");
+        lastPlain = t;
+      }
+      nanosleep(&pause, NULL);
+    }
+  }
+
+  exitMeeting();
+  {
+    unsigned long frames = 0;
+    int streams = 0;
+    pthread_mutex_lock(&model.lock);
+    for (i = 0; i < MAX_STREAMS; ++i) {
+      if (model.streams[i].frames > 0) {
+        frames += model.streams[i].frames;
+        ++streams;
+      }
+    }
+    printf("\n%s. Summary: %lu arrivals, %lu departures, %lu events, %lu frames from %d streams.\n",
+           interrupted ? "Interrupted" : "Meeting over", model.arrivals, model.departures,
+           model.events, frames, streams);
+    pthread_mutex_unlock(&model.lock);
+  }
+  if (snapshot != NULL) {
+    const DemoImage* images[MAX_STREAMS];
+    int n = 0;
+    pthread_mutex_lock(&model.lock);
+    for (i = 0; i < MAX_STREAMS; ++i) {
+      if (model.streams[i].last.pixels != NULL) images[n++] = &model.streams[i].last;
+    }
+    if (demo_write_mosaic(snapshot, images, n) == 0) {
+      printf("snapshot of %d streams written to %s\n", n, snapshot);
+    } else {
+      fprintf(stderr, "could not write %s: %s\n", snapshot, strerror(errno));
+    }
+    pthread_mutex_unlock(&model.lock);
+  }
+  ConvokeDeallocate();
+  return 0;
+}

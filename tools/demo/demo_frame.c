@@ -1,0 +1,61 @@
+/* Reading the simulated video engine's frame buffers. The engine's pixel-buffer handle is the
+ * address of a frame descriptor whose layout the engine documents; the demo mirrors that layout
+ * here, as a host does for whatever buffer format its engine documents, and copies the picture into
+ * its own RGB image during the videoFrameReady callback (when the frame is whole). */
+#include <stdlib.h>
+#include <string.h>
+
+#include "demo_frame.h"
+
+#define FRAME_MAGIC 0x4b544652u /* "KTFR" */
+
+enum { kRGB888 = 0, kBGRA8888 = 1, kRGBA8888 = 2 };
+
+typedef struct {
+  unsigned int magic;
+  unsigned int format;
+  int width;
+  int height;
+  int stride;
+  int bytes_per_pixel;
+  int max_width;
+  int max_height;
+  unsigned char* data;
+  size_t capacity;
+  unsigned long long sequence;
+  unsigned long long frame_number;
+  char stream_id[48];
+} EngineFrame;
+
+int demo_image_copy_frame(DemoImage* image, const void* pixelBuffer) {
+  const EngineFrame* frame = (const EngineFrame*)pixelBuffer;
+  int x, y, width, height, stride, bpp;
+  if (frame == NULL || frame->magic != FRAME_MAGIC) return -1;
+  width = frame->width;
+  height = frame->height;
+  stride = frame->stride;
+  bpp = frame->bytes_per_pixel;
+  if (width <= 0 || height <= 0 || (bpp != 3 && bpp != 4) || stride < width * bpp ||
+      (size_t)stride * (size_t)height > frame->capacity) {
+    return -1;
+  }
+  if (image->width != width || image->height != height || image->pixels == NULL) {
+    unsigned char* pixels = realloc(image->pixels, (size_t)width * height * 3);
+    if (pixels == NULL) return -1;
+    image->pixels = pixels;
+    image->width = width;
+    image->height = height;
+  }
+  for (y = 0; y < height; ++y) {
+    const unsigned char* row = frame->data + (size_t)y * stride;
+    unsigned char* out = image->pixels + (size_t)y * width * 3;
+    for (x = 0; x < width; ++x, row += bpp, out += 3) {
+      if (frame->format == kBGRA8888) {
+        out[0] = row[2], out[1] = row[1], out[2] = row[0];
+      } else {
+        out[0] = row[0], out[1] = row[1], out[2] = row[2];
+      }
+    }
+  }
+  return 0;
+}
