@@ -1,11 +1,11 @@
 // Socket objects over loopback and local-domain sockets only.
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/select.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
