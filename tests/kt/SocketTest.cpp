@@ -257,6 +257,23 @@ TEST(Socket, SelectOverSeveralSockets) {
   EXPECT_EQ(gone, std::set<Socket*>{&b.server});
 }
 
+TEST(Socket, SelectMergesHandlesInLargeSets) {
+  std::vector<Socket> sockets(200);
+  std::set<Socket*> read;
+  std::set<Socket*> write;
+  for (Socket& socket : sockets) {
+    ASSERT_TRUE(socket.Open(AF_INET, SOCK_DGRAM));
+    read.insert(&socket);
+    write.insert(&socket);
+  }
+  std::set<Socket*> except(read);
+  const std::set<Socket*> all(read);
+  ASSERT_TRUE(Socket::Select_medium(read, write, except, 5000));
+  EXPECT_TRUE(read.empty());  // nothing arrived
+  EXPECT_EQ(write, all);      // every datagram socket can send
+  EXPECT_TRUE(except.empty());
+}
+
 TEST(Socket, SelectRefusesHugeSets) {
   std::vector<Socket> sockets(2500);
   std::set<Socket*> read;
@@ -313,5 +330,12 @@ TEST(SocketDeathTest, OneDescriptorInTwoObjectsAborts) {
   std::set<Socket*> write{&second};
   std::set<Socket*> except;
   EXPECT_DEATH(Socket::Select(read, write, except, 0), "pollsocks\\[i\\] == in_socket");
+
+  std::vector<Socket> others(100);  // the same check on the indexed path of large sets
+  for (Socket& other : others) {
+    ASSERT_TRUE(other.Open(AF_INET, SOCK_DGRAM));
+    read.insert(&other);
+  }
+  EXPECT_DEATH(Socket::Select(read, write, except, 0), "function Select_medium");
   second.Detach();
 }
