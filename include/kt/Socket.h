@@ -5,7 +5,8 @@
 //  1. Operations report failure by false (bool results), -1 (byte counts) or an empty string; the
 //     reason is left in errno. Socket::GetLastError() translates errno into a Socket::error_t.
 //  2. A Socket is used by one thread at a time; nothing here takes a lock. The static lookups may
-//     be called from any thread (the last lookup error is kept per thread).
+//     be called from any thread (the last lookup error is kept per thread), except that on macOS
+//     the service lookups use the C library's non-reentrant getservbyname/getservbyport.
 //  3. Times are milliseconds; a negative timeout (Event::Infinite converted to int) means no limit.
 //  4. Contract violations (an address longer than its storage, port arithmetic on a non-IPv4
 //     address, one descriptor held by two Socket objects in one Select) print a message and abort,

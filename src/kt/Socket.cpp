@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <unordered_map>
 #include <vector>
 
 #include "SocketPrivate.h"
@@ -425,13 +426,21 @@ bool Socket::Select_medium(std::set<Socket*>& read, std::set<Socket*>& write,
     pollsocks = heapSocks.data();
   }
 
+  // Duplicate handles are merged: a scan of the entries for small sets, an index for large ones.
+  const bool large = total > kInlineEntries;
+  std::unordered_map<int, size_t> indexOf;
+  if (large) indexOf.reserve(total);
   size_t entries = 0;
   auto add = [&](const std::set<Socket*>& sockets, short events) {
     for (Socket* in_socket : sockets) {
       const int handle = in_socket->GetSocketHandle();
       if (handle == -1) continue;
       size_t i = 0;
-      while (i < entries && pollfds[i].fd != handle) ++i;
+      if (large) {
+        i = indexOf.emplace(handle, entries).first->second;  // a new handle maps to `entries`
+      } else {
+        while (i < entries && pollfds[i].fd != handle) ++i;
+      }
       if (i < entries) {
         KT_SOCKET_CHECK(pollsocks[i] == in_socket, "pollsocks[i] == in_socket", "Select_medium");
         pollfds[i].events = static_cast<short>(pollfds[i].events | events);

@@ -5,13 +5,13 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/select.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <vector>
 
 #include "kt/Socket.h"
-#include "kt/Utility.h"
 
 namespace {
 
@@ -35,6 +35,11 @@ struct TcpPair {
     EXPECT_TRUE(listener.Accept(server));
   }
 };
+
+bool PathExists(const std::string& path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0;
+}
 
 bool IsNonBlocking(int handle) { return (fcntl(handle, F_GETFL) & O_NONBLOCK) != 0; }
 
@@ -168,12 +173,12 @@ TEST(Socket, FailedConnectReportsTheLastError) {
 }
 
 TEST(Socket, LocalDomainSocketsRemoveTheirPathOnClose) {
-  const std::string spec = kt::GetUniqueBridgeConnector();
-  const std::string path = spec.substr(std::string("/local:").size());
+  const std::string path = "/tmp/kt-socket-test-" + std::to_string(getpid());
+  const std::string spec = "/local:" + path;
   Socket listener;
   ASSERT_TRUE(listener.Listen(spec, 4, true)) << strerror(errno);
   EXPECT_EQ(listener.Family(), AF_LOCAL);
-  EXPECT_TRUE(kt::DoesFileExist(path));
+  EXPECT_TRUE(PathExists(path));
   EXPECT_EQ(listener.GetSockString(false), "/local " + path);
 
   Socket client;
@@ -187,14 +192,14 @@ TEST(Socket, LocalDomainSocketsRemoveTheirPathOnClose) {
   // Unbound sockets remove nothing.
   EXPECT_TRUE(client.Close());
   EXPECT_TRUE(server.Close());
-  EXPECT_TRUE(kt::DoesFileExist(path));
+  EXPECT_TRUE(PathExists(path));
   // A second bind to a path in use fails.
   Socket second;
   EXPECT_FALSE(second.Listen(spec, 4, true));
-  EXPECT_TRUE(kt::DoesFileExist(path));
+  EXPECT_TRUE(PathExists(path));
 
   EXPECT_TRUE(listener.Close());
-  EXPECT_FALSE(kt::DoesFileExist(path));
+  EXPECT_FALSE(PathExists(path));
 }
 
 TEST(Socket, CopiesShareTheDescriptor) {
@@ -250,6 +255,23 @@ TEST(Socket, SelectOverSeveralSockets) {
   std::set<Socket*> gone{&b.server};
   EXPECT_TRUE(Socket::Select_huge(gone, none, none2, 5000));
   EXPECT_EQ(gone, std::set<Socket*>{&b.server});
+}
+
+TEST(Socket, SelectMergesHandlesInLargeSets) {
+  std::vector<Socket> sockets(200);
+  std::set<Socket*> read;
+  std::set<Socket*> write;
+  for (Socket& socket : sockets) {
+    ASSERT_TRUE(socket.Open(AF_INET, SOCK_DGRAM));
+    read.insert(&socket);
+    write.insert(&socket);
+  }
+  std::set<Socket*> except(read);
+  const std::set<Socket*> all(read);
+  ASSERT_TRUE(Socket::Select_medium(read, write, except, 5000));
+  EXPECT_TRUE(read.empty());  // nothing arrived
+  EXPECT_EQ(write, all);      // every datagram socket can send
+  EXPECT_TRUE(except.empty());
 }
 
 TEST(Socket, SelectRefusesHugeSets) {
@@ -308,5 +330,12 @@ TEST(SocketDeathTest, OneDescriptorInTwoObjectsAborts) {
   std::set<Socket*> write{&second};
   std::set<Socket*> except;
   EXPECT_DEATH(Socket::Select(read, write, except, 0), "pollsocks\\[i\\] == in_socket");
+
+  std::vector<Socket> others(100);  // the same check on the indexed path of large sets
+  for (Socket& other : others) {
+    ASSERT_TRUE(other.Open(AF_INET, SOCK_DGRAM));
+    read.insert(&other);
+  }
+  EXPECT_DEATH(Socket::Select(read, write, except, 0), "function Select_medium");
   second.Detach();
 }
