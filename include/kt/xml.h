@@ -1,7 +1,267 @@
-// Placeholder: filled in by the issue that builds this part of the base library.
+// The base library's XML document model: an element tree, its lenient parser and printers, and the
+// string utilities they rely on.
+//
+// Every engine command and event is a small XML document. A document is read into a kt::XMLElement
+// tree: each element owns its attributes and child elements, all allocated through the tracked
+// memory manager (kt::MemoryManager) with the source tag "xml", so that leaked nodes show up in its
+// reports. Name lookups ignore ASCII letter case; value comparisons are exact.
+//
+// Thread safety: a tree is not synchronised; use one tree from one thread at a time. Different
+// trees may be built, parsed, printed and destroyed on different threads at the same time.
+//
+// Nesting depth: parsing, copying, assigning, printing and destroying use explicit stacks, so a
+// document nested a million levels deep cannot overflow the call stack.
 #ifndef KT_XML_H
 #define KT_XML_H
 
+#include <cstddef>
+#include <iosfwd>
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kt/MemoryManager.h"
 #include "kt/ktexport.h"
+
+namespace kt {
+
+// The kind of a node.
+enum XMLType {
+  Element = 0,      // an ordinary element
+  Declaration = 1,  // a processing instruction read from "<?"; printed as "<?xml" ... "?>"
+  Comment = 2,      // "<!--" ...; its text is held in the name
+  Directive = 3     // any other "<!" construct; its text is held in the name
+};
+
+// Allocation adaptor: builds objects in storage from an allocator and hands the storage back.
+template <typename Allocator, typename T>
+class Constructor;
+
+// Builds T in a block from the tracked memory manager, tagged with a source file and line.
+// `manager` points at the variable that holds the manager; it must outlive the adaptor.
+template <typename T>
+class Constructor<MemoryManager*, T> {
+ public:
+  Constructor(MemoryManager* const* manager, const char* file, int line)
+      : manager_(manager), file_(file), line_(line) {}
+
+  // Allocates sizeof(T) bytes and builds T from `args`. Throws std::bad_alloc when the manager
+  // has no memory; when T's constructor throws, the storage is handed back and the exception
+  // rethrown.
+  template <typename... Args>
+  T* operator()(Args&&... args) const {
+    void* storage = (*manager_)->Allocate(sizeof(T), file_, line_);
+    if (storage == nullptr) throw std::bad_alloc();
+    try {
+      return new (storage) T(std::forward<Args>(args)...);
+    } catch (...) {
+      (*manager_)->Free(storage, file_, line_);
+      throw;
+    }
+  }
+
+  // A new T with its default contents.
+  operator T*() const { return (*this)(); }
+
+  // Destroys `p` (null is ignored) and returns its storage to the manager.
+  void Free(T* p, const char* file, int line) const {
+    if (p == nullptr) return;
+    p->~T();
+    (*manager_)->Free(p, file, line);
+  }
+
+ private:
+  MemoryManager* const* manager_;
+  const char* file_;
+  int line_;
+};
+
+// One attribute: its name as read or given, and its raw value (entities are never decoded).
+class KT_EXPORT XMLAttribute {
+ public:
+  XMLAttribute(std::string name = std::string(), std::string value = std::string());
+
+  // Compact text: name, `=""`, the raw value, `""` (the quotes doubled on purpose: id=""5"").
+  operator std::string() const;
+
+  std::string name;
+  std::string value;
+};
+
+// One node of a document. It owns its children and attributes (no parent pointer).
+class KT_EXPORT XMLElement {
+ public:
+  XMLElement(XMLType type = Element, const std::string& name = std::string(),
+             const std::string& value = std::string());
+  XMLElement(const std::string& name, const std::string& value = std::string(),
+             XMLType type = Element);
+  // Deep copy: every descendant and attribute is copied into new storage.
+  XMLElement(const XMLElement& other);
+  // Takes over `other`'s nodes; `other` is left an empty element of the same type.
+  XMLElement(XMLElement&& other) noexcept;
+  // Deep copy, then the old contents are destroyed. Self-assignment does nothing.
+  XMLElement& operator=(const XMLElement& other);
+  XMLElement& operator=(XMLElement&& other) noexcept;
+  // Destroys every descendant and attribute and returns their storage to the memory manager.
+  virtual ~XMLElement();
+
+  // Exchanges children, attributes, values, names and types.
+  void Swap(XMLElement& other) noexcept;
+
+  // Queries. None looks further than the direct children (or this element's own attributes).
+  // Returned pointers stay owned by this element.
+  bool HasElements() const;
+  bool HasAttributes() const;
+  // The first child whose name equals `name` ignoring case; null if none.
+  XMLElement* FindElementByName(const std::string& name) const;
+  // Appends (without clearing `out`) every child whose name equals `name` ignoring case.
+  void FindElements(std::string name, std::vector<XMLElement*>& out) const;
+  // Follows the "/"-separated path of child names from this element (which the path does not
+  // name): "stream/conditions" is the child conditions of the child stream. Null as soon as a
+  // segment is missing; an empty segment matches only a child with an empty name.
+  XMLElement* FindElementByPath(const std::string& path) const;
+  // The value of FindElementByName(name), or the empty string.
+  std::string GetValueByName(const std::string& name) const;
+  // The first attribute whose name equals `name` ignoring case; null if none.
+  XMLAttribute* FindAttributeByName(const std::string& name) const;
+  // The first attribute named a.name (ignoring case), only if its value equals a.value exactly.
+  XMLAttribute* FindAttribute(const XMLAttribute& a) const;
+  // The first child named e.name (ignoring case), only if its value equals e.value exactly.
+  XMLElement* FindElement(const XMLElement& e) const;
+  // True for the same object or equal values; names, types, attributes and children are ignored.
+  bool operator==(const XMLElement& other) const;
+  bool operator!=(const XMLElement& other) const;
+
+  // Modification. New nodes and attributes come from the memory manager; removed ones are
+  // destroyed and their storage returned. Removal keeps the order of the rest.
+  //
+  // Appends a new child (type Element) with `name` and `value`, and the attribute
+  // (attrName, attrValue) when attrName is not empty. Returns the child.
+  XMLElement* AddElement(std::string name, std::string value = std::string(),
+                         std::string attrName = std::string(),
+                         std::string attrValue = std::string());
+  // Appends a deep copy of `e` and returns it.
+  XMLElement* AddElement(const XMLElement& e);
+  // Replaces the first attribute named `name` (ignoring case), if any, by a new one appended at
+  // the end. Returns the new attribute.
+  XMLAttribute* AddAttribute(std::string name, std::string value);
+  // Appends a copy of `a` after RemoveAttribute(a): a same-named attribute with another value
+  // stays, so the element then has two attributes of that name.
+  XMLAttribute* AddAttribute(const XMLAttribute& a);
+  // Removes the first attribute named `name` (ignoring case). False if there is none.
+  bool RemoveAttribute(const std::string& name);
+  // Removes the first attribute named a.name (ignoring case) only if its value equals a.value.
+  bool RemoveAttribute(const XMLAttribute& a);
+  // Removes the attribute that is the object `p`. False if `p` is not one of this element's.
+  bool RemoveAttribute(const XMLAttribute* p);
+  // Removes the first child named `name` (ignoring case).
+  bool RemoveElement(const std::string& name);
+  // Removes the first child named e.name (ignoring case) only if its value equals e.value.
+  bool RemoveElement(const XMLElement& e);
+  // Removes the child that is the object `p`.
+  bool RemoveElement(const XMLElement* p);
+
+  // A fresh chain of elements named by the "/"-separated segments: "a/b/c" gives a holding b
+  // holding c, every value empty.
+  static XMLElement CreateElementAtPath(std::string path);
+
+  // Compact text: "<name attr=""v"">encoded value, children's compact text</name>", no white
+  // space added, no empty-element form, the type ignored.
+  operator std::string() const;
+  // Replaces " & ' < > by &quot; &amp; &apos; &lt; &gt;.
+  static std::string xml_encode(std::string text);
+
+  std::vector<XMLElement*> children;      // owned, in document order
+  std::vector<XMLAttribute*> attributes;  // owned, in document order
+  XMLType type;
+  std::string name;   // for a Comment or Directive: the text of the construct
+  std::string value;  // character content, entities decoded, not trimmed
+};
+
+// A whole file read under a synthetic root named "__ROOT__". Not copyable.
+class KT_EXPORT XMLFile {
+ public:
+  XMLFile();
+  ~XMLFile();
+  XMLFile(const XMLFile&) = delete;
+  XMLFile& operator=(const XMLFile&) = delete;
+
+  // Remembers `path`, replaces the root by a new empty one and reads the file into it (see the
+  // XMLFile extraction operator). True exactly when the file could be opened; parse problems do
+  // not change the result. A file is never closed by its root's name, so every read that reaches
+  // the root ends with "Missing end tag!" on standard error; the tree is complete nevertheless.
+  bool Open(const std::string& path);
+  // Open with the remembered path.
+  bool Reopen();
+
+  XMLElement* root;      // owned, never null
+  std::string filename;  // the path of the last Open
+};
+
+// Indented printer: `depth` spaces before each tag, one more per level, a line per element.
+struct KT_EXPORT PrintElement {
+  explicit PrintElement(std::ostream& os, unsigned depth = 0) : os(os), depth(depth) {}
+  void operator()(const XMLElement* e) const;
+  void operator()(const XMLElement& e) const { (*this)(&e); }
+  std::ostream& os;
+  unsigned depth;
+};
+
+// Writes ` name="value"` with the raw value.
+struct KT_EXPORT PrintAttribute {
+  explicit PrintAttribute(std::ostream& os) : os(os) {}
+  void operator()(const XMLAttribute* a) const;
+  void operator()(const XMLAttribute& a) const { (*this)(&a); }
+  std::ostream& os;
+};
+
+// Parses from `in` into `e`, adding to what `e` holds. Parsing into a default element makes it a
+// nameless container of the document's top-level nodes. The parser is small and lenient, not a
+// conforming XML parser:
+// - attribute values are kept raw; in content only &apos; &quot; &amp; &lt; &gt; are decoded and
+//   any other entity becomes "&";
+// - character classes are those of the "C" locale, so a byte above 127 ends a name or an attribute
+//   value (content keeps every byte);
+// - a start tag needs an attribute or nothing between its name and ">" ("<a >" is not closed);
+// - a NUL character in the content ends the element as if the input had ended.
+// A mismatched end tag writes "End tag: X doesn't match open tag: Y" and a named element that runs
+// out of input writes "Missing end tag!" (each on a line of standard error); both set the failbit
+// and leave the partial tree in place. Reading to the end of the input into a nameless container
+// always sets eofbit and failbit: the container stops only when a read finds no more input.
+KT_EXPORT std::istream& operator>>(std::istream& in, XMLElement& e);
+// Names the root "__ROOT__", skips to the first "<" and, unless the input ended, parses into it.
+KT_EXPORT std::istream& operator>>(std::istream& in, XMLFile& f);
+// PrintElement with depth 0.
+KT_EXPORT std::ostream& operator<<(std::ostream& os, const XMLElement& e);
+// Writes the root pointer's value (an address), not the document.
+KT_EXPORT std::ostream& operator<<(std::ostream& os, const XMLFile& f);
+
+// Builds in `element` exactly the tree that `std::istringstream(std::string(data, length)) >>
+// element` builds, writing the same messages to standard error, without building a stream.
+// Returns true when that stream would not be in the failed state afterwards (see operator>>: a
+// document read to its end into a nameless container leaves it failed, so callers look for the
+// elements they need rather than rely on the result). `data` may be null when `length` is 0.
+KT_EXPORT bool ParseXMLBuffer(const char* data, std::size_t length, XMLElement& element);
+
+// Matching predicates: the name equals `name` ignoring ASCII case.
+KT_EXPORT bool ElementNameEqual(XMLElement* e, std::string name);
+KT_EXPORT bool AttributeTagEqual(XMLAttribute* a, std::string name);
+
+// String utilities.
+//
+// The pieces of `text` between occurrences of `delimiter`, empty pieces kept: "a//b" gives a, "",
+// b; "" gives one empty piece. An empty delimiter gives `text` as the only piece.
+KT_EXPORT std::vector<std::string> Split(const std::string& text, const std::string& delimiter);
+// strcasecmp of the two strings (so each ends at its first NUL).
+KT_EXPORT int StrCaseCmp(const std::string& a, const std::string& b);
+// Removes every character of `characters` from both ends.
+KT_EXPORT std::string Trim(std::string text, std::string characters);
+// Trim with " \t\n\r".
+KT_EXPORT std::string TrimWhiteSpace(std::string text);
+// Removes " \t\n\r" from the front only.
+KT_EXPORT std::string TrimLeadingWhiteSpace(std::string text);
+
+}  // namespace kt
 
 #endif  // KT_XML_H
