@@ -7,23 +7,26 @@
 #include "EventTestSupport.h"
 #include "kt/Dispatch.h"
 #include "kt/Event.h"
-#include "kt/MemoryManager.h"
 #include "kt/Utility.h"
 
 namespace {
 
 using eventtest::FunctionCallback;
-using eventtest::HighDescriptor;
 using eventtest::NowMs;
 using eventtest::SocketPair;
 
 constexpr unsigned kInf = Event::Infinite;
 
-// Signalled whenever the test says; with the base times (0 to Infinite) it is never scheduled.
-class PlainEvent : public Event {
+// Always signalled; fires within [min, max] ms from now.
+class FixedEvent : public Event {
  public:
-  bool signalled = true;
-  bool Poll() const override { return signalled; }
+  FixedEvent(unsigned min, unsigned max) : min_(min), max_(max) {}
+  bool Poll() const override { return true; }
+  unsigned MinEventTime() const override { return min_; }
+  unsigned MaxEventTime() const override { return max_; }
+
+ private:
+  unsigned min_, max_;
 };
 
 // Always signalled, and reports a read and a write descriptor.
@@ -38,38 +41,34 @@ class TwoDescriptorEvent : public Event {
   }
 
  private:
-  int read_;
-  int write_;
+  int read_, write_;
 };
 
+// Every test leaves the process-wide dispatcher empty.
 class DispatchTest : public ::testing::Test {
  protected:
   void TearDown() override { EXPECT_EQ(Dispatch::Instance()->CountRegisteredEvents(), 0u); }
 };
 
-TEST_F(DispatchTest, RegistrationAndOwnedCallbacks) {
-  Dispatch dispatch;
+TEST_F(DispatchTest, RegistrationTwiceReleasesTheOwnedCallback) {
+  Dispatch dispatch, other;
   AsyncEvent event;
   int destroyed = 0;
   FunctionCallback* owned = kt::NewCallback<FunctionCallback>(nullptr, &destroyed);
-  ASSERT_NE(owned, nullptr);
   EXPECT_TRUE(dispatch.RegisterEvent(&event, owned, true));
   EXPECT_TRUE(dispatch.IsEventRegistered(&event));
   EXPECT_EQ(dispatch.CountRegisteredEvents(), 1u);
   EXPECT_EQ(event.Owner(), &dispatch);
   EXPECT_EQ(event.GetCallback(), owned);
-  EXPECT_TRUE(event.OwnsCallback());
 
-  // A second registration fails and releases the owned callback it was given.
+  // Here or with another dispatcher, a second registration fails and releases what it was given.
   EXPECT_FALSE(
       dispatch.RegisterEvent(&event, kt::NewCallback<FunctionCallback>(nullptr, &destroyed), true));
-  EXPECT_EQ(destroyed, 1);
-  // So does registration with another dispatcher; a callback not owned is left alone.
-  Dispatch other;
-  FunctionCallback notOwned(nullptr, &destroyed);
-  EXPECT_FALSE(other.RegisterEvent(&event, &notOwned, false));
   EXPECT_FALSE(
       other.RegisterEvent(&event, kt::NewCallback<FunctionCallback>(nullptr, &destroyed), true));
+  EXPECT_EQ(destroyed, 2);
+  FunctionCallback notOwned(nullptr, &destroyed);
+  EXPECT_FALSE(other.RegisterEvent(&event, &notOwned, false));
   EXPECT_EQ(destroyed, 2);
   EXPECT_EQ(event.GetCallback(), owned) << "the registration in place is untouched";
   EXPECT_FALSE(other.UnregisterEvent(&event));
@@ -79,12 +78,8 @@ TEST_F(DispatchTest, RegistrationAndOwnedCallbacks) {
   EXPECT_EQ(event.Owner(), nullptr);
   EXPECT_EQ(event.GetCallback(), nullptr);
   EXPECT_FALSE(dispatch.UnregisterEvent(&event));
-  EXPECT_EQ(dispatch.CountRegisteredEvents(), 0u);
-
-  // Unregistered, the event can be registered again, with a callback it does not own.
   EXPECT_TRUE(other.RegisterEvent(&event, &notOwned, false));
   EXPECT_TRUE(other.UnregisterEvent(&event));
-  EXPECT_EQ(destroyed, 3);
 }
 
 TEST_F(DispatchTest, DestructionOnEitherSideUnregisters) {
@@ -97,61 +92,75 @@ TEST_F(DispatchTest, DestructionOnEitherSideUnregisters) {
       ASSERT_TRUE(dispatch.RegisterEvent(&shortLived, nullptr, false));
       ASSERT_TRUE(dispatch.RegisterEvent(
           &survivor, kt::NewCallback<FunctionCallback>(nullptr, &destroyed), true));
-      EXPECT_EQ(dispatch.CountRegisteredEvents(), 2u);
     }
     EXPECT_EQ(dispatch.CountRegisteredEvents(), 1u);
     EXPECT_EQ(dispatch.Wait(20), 0) << "the destroyed timer must not be polled";
-
-    Dispatch copy(dispatch);
-    EXPECT_EQ(copy.CountRegisteredEvents(), 0u);
+    EXPECT_EQ(Dispatch(dispatch).CountRegisteredEvents(), 0u) << "copies start empty";
   }
   EXPECT_EQ(destroyed, 1);
   EXPECT_EQ(survivor.Owner(), nullptr);
-
-  Dispatch dispatch;
-  TimerEvent a(10), b(20);
-  dispatch.RegisterEvent(&a, nullptr, false);
-  dispatch.RegisterEvent(&b, nullptr, false);
-  dispatch.UnregisterAllEvents();
-  EXPECT_EQ(dispatch.CountRegisteredEvents(), 0u);
-  EXPECT_EQ(a.Owner(), nullptr);
 }
 
 TEST_F(DispatchTest, EventsWithoutExactTimesAreNeverDispatched) {
   Dispatch dispatch;
-  PlainEvent ranged;  // signalled, but may fire anywhere from 0 to Infinite
+  FixedEvent ranged(0, kInf);  // signalled, but may fire anywhere from now to never
+  FixedEvent alsoRanged(5, 6);
   AsyncEvent idle;
-  TimerEvent never(kInf);
   std::vector<Event*> dispatched;
-  FunctionCallback record([&dispatched](Dispatch*, Event* e) { dispatched.push_back(e); });
-  ASSERT_TRUE(dispatch.RegisterEvent(&ranged, &record, false));
-  ASSERT_TRUE(dispatch.RegisterEvent(&idle, &record, false));
-  ASSERT_TRUE(dispatch.RegisterEvent(&never, &record, false));
-  EXPECT_EQ(dispatch.Wait(40), 0);
-  EXPECT_TRUE(dispatched.empty());
-
-  // An update does not help the ranged event; a signal moves the idle one into the schedule.
-  ranged.UpdateEvent();
-  idle.Signal(true);
-  FunctionCallback stop([&dispatched](Dispatch* d, Event* e) {
+  FunctionCallback record([&dispatched](Dispatch* d, Event* e) {
     dispatched.push_back(e);
     d->Stop();
   });
-  dispatch.UnregisterEvent(&idle);
-  dispatch.RegisterEvent(&idle, &stop, false);
+  for (Event* e : std::vector<Event*>{&ranged, &alsoRanged, &idle}) {
+    ASSERT_TRUE(dispatch.RegisterEvent(e, &record, false));
+  }
+  ranged.UpdateEvent();
+  EXPECT_EQ(dispatch.Wait(40), 0);
+  EXPECT_TRUE(dispatched.empty());
+
+  idle.Signal(true);  // leaves the idle set for the schedule
   EXPECT_EQ(dispatch.Wait(1000), 0);
-  ASSERT_EQ(dispatched.size(), 1u);
-  EXPECT_EQ(dispatched[0], &idle);
+  EXPECT_EQ(dispatched, std::vector<Event*>{&idle});
   dispatch.UnregisterAllEvents();
+  EXPECT_EQ(idle.Owner(), nullptr);
 }
 
-TEST_F(DispatchTest, TimersAreDispatchedOnScheduleAndPeriodicResetDoesNotDrift) {
+TEST_F(DispatchTest, TimedEventsAreKeptInOrderOfTheirTimes) {
+  Dispatch dispatch;
+  FixedEvent a(20, 20), b(10, 10), c(20, 20), d(10, 10), now1(5, 0), now2(0, 0);
+  std::vector<Event*> order;
+  size_t stopAt = 6;
+  FunctionCallback record([&](Dispatch* self, Event* e) {
+    order.push_back(e);
+    if (order.size() == stopAt) self->Stop();
+  });
+  // Nearest first, first come first served among equals; those with a maximum of 0 go in front.
+  for (Event* e : std::vector<Event*>{&a, &b, &now1, &c, &d, &now2}) {
+    ASSERT_TRUE(dispatch.RegisterEvent(e, &record, false));
+  }
+  EXPECT_EQ(dispatch.Wait(1000), 0);
+  EXPECT_EQ(order, (std::vector<Event*>{&now2, &now1, &b, &d, &a, &c}));
+  EXPECT_EQ(dispatch.MaxSleepTime(500), 0u);
+
+  // An update moves an event behind its equals.
+  dispatch.UnregisterEvent(&now1);
+  dispatch.UnregisterEvent(&now2);
+  b.UpdateEvent();
+  EXPECT_EQ(dispatch.MaxSleepTime(500), 10u);
+  EXPECT_EQ(dispatch.MaxSleepTime(5), 5u);
+  order.clear();
+  stopAt = 4;
+  EXPECT_EQ(dispatch.Wait(1000), 0);
+  EXPECT_EQ(order, (std::vector<Event*>{&d, &b, &a, &c}));
+  dispatch.UnregisterAllEvents();
+  EXPECT_EQ(dispatch.MaxSleepTime(500), 500u);
+}
+
+TEST_F(DispatchTest, TimersRunOnScheduleAndPeriodicResetDoesNotDrift) {
   Dispatch dispatch;
   Timer clock(true);
-  TimerEvent periodic(100);
-  TimerEvent once(30);
-  std::vector<unsigned> periodicTimes;
-  std::vector<unsigned> onceTimes;
+  TimerEvent periodic(100), once(30);
+  std::vector<unsigned> periodicTimes, onceTimes;
   FunctionCallback onPeriodic([&](Dispatch*, Event*) {
     periodicTimes.push_back(clock.Time());
     kt::__os_Sleep(30);  // work in the callback must not shift the schedule
@@ -163,8 +172,8 @@ TEST_F(DispatchTest, TimersAreDispatchedOnScheduleAndPeriodicResetDoesNotDrift) 
   });
   ASSERT_TRUE(dispatch.RegisterEvent(&periodic, &onPeriodic, false));
   ASSERT_TRUE(dispatch.RegisterEvent(&once, &onOnce, false));
-
   EXPECT_EQ(dispatch.Wait(250), 0);
+
   ASSERT_EQ(onceTimes.size(), 1u);
   EXPECT_GE(onceTimes[0], 30u);
   ASSERT_GE(periodicTimes.size(), 2u);
@@ -174,17 +183,14 @@ TEST_F(DispatchTest, TimersAreDispatchedOnScheduleAndPeriodicResetDoesNotDrift) 
   }
   // The next due point is a whole number of intervals after creation.
   EXPECT_EQ((periodic.Time() + clock.Time() + 5) / 100 * 100, 100 * (periodicTimes.size() + 1));
-  EXPECT_TRUE(dispatch.UnregisterEvent(&periodic));
-  EXPECT_TRUE(dispatch.UnregisterEvent(&once));
+  dispatch.UnregisterAllEvents();
 }
 
 TEST_F(DispatchTest, WaitTimesOutAndStopEndsItAfterTheCurrentCallback) {
   Dispatch dispatch;
   long long start = NowMs();
   EXPECT_EQ(dispatch.Wait(0, nullptr, nullptr, 0), 0);
-  EXPECT_EQ(dispatch.Wait(0), 0);
   EXPECT_LT(NowMs() - start, 50);
-  start = NowMs();
   EXPECT_EQ(dispatch.Wait(40), 0);
   EXPECT_GE(NowMs() - start, 39);
 
@@ -197,19 +203,18 @@ TEST_F(DispatchTest, WaitTimesOutAndStopEndsItAfterTheCurrentCallback) {
   });
   ASSERT_TRUE(dispatch.RegisterEvent(&first, &stopper, false));
   ASSERT_TRUE(dispatch.RegisterEvent(&second, &stopper, false));
-  start = NowMs();
   EXPECT_EQ(dispatch.Wait(kInf), 0);
   EXPECT_EQ(calls, 1);
-  EXPECT_LT(NowMs() - start, 2000);
 
-  // Stop() before Wait has no effect: Wait clears it.
+  // Stop() outside a wait has no effect: the next wait clears it.
   dispatch.Stop();
+  dispatch.UnregisterEvent(&second);
   calls = 0;
   FunctionCallback counter([&calls](Dispatch*, Event* e) {
     ++calls;
     static_cast<TimerEvent*>(e)->SetInterval(kInf);
   });
-  dispatch.UnregisterAllEvents();
+  dispatch.UnregisterEvent(&first);
   ASSERT_TRUE(dispatch.RegisterEvent(&first, &counter, false));
   EXPECT_EQ(dispatch.Wait(30), 0);
   EXPECT_EQ(calls, 1);
@@ -218,62 +223,44 @@ TEST_F(DispatchTest, WaitTimesOutAndStopEndsItAfterTheCurrentCallback) {
 
 TEST_F(DispatchTest, ExitEventsEndTheWaitWithoutBeingDispatched) {
   Dispatch dispatch;
-  TimerEvent due(0);
+  TimerEvent tick(10);
   int calls = 0;
-  FunctionCallback counter([&calls](Dispatch*, Event*) { ++calls; });
-  ASSERT_TRUE(dispatch.RegisterEvent(&due, &counter, false));
-
-  // Already signalled: returned at once, nothing dispatched.
   AsyncEvent exit;
-  exit.Signal(true);
+  FunctionCallback ticker([&](Dispatch*, Event*) {
+    tick.Reset(true);
+    if (++calls == 3) exit.Signal(true);
+  });
+  ASSERT_TRUE(dispatch.RegisterEvent(&tick, &ticker, false));
   Event* exits[] = {&exit};
   Event* signalled[1] = {};
-  EXPECT_EQ(dispatch.Wait(1, exits, signalled, 1000), 1);
-  EXPECT_EQ(signalled[0], &exit);
-  EXPECT_EQ(calls, 0);
-  dispatch.UnregisterEvent(&due);
 
   // Signalled by a callback.
-  exit.Signal(false);
-  TimerEvent tick(10);
-  FunctionCallback signaller([&](Dispatch*, Event*) {
-    ++calls;
-    tick.Reset(true);
-    if (calls == 3) exit.Signal(true);
-  });
-  ASSERT_TRUE(dispatch.RegisterEvent(&tick, &signaller, false));
-  signalled[0] = nullptr;
   EXPECT_EQ(dispatch.Wait(1, exits, signalled, 5000), 1);
   EXPECT_EQ(calls, 3);
   EXPECT_EQ(signalled[0], &exit);
+  // Already signalled: returned at once, nothing dispatched.
+  calls = 0;
+  EXPECT_EQ(dispatch.Wait(1, exits, nullptr, 1000), 1);
+  EXPECT_EQ(calls, 0);
 
-  // An unregistered timer as exit event: ends the wait when due; the registered ticker keeps going.
+  // An unregistered timer: ends the wait when due, while the registered ticker keeps going.
   TimerEvent deadline(60);
   Event* timed[] = {&deadline};
-  calls = 0;
   const long long start = NowMs();
   EXPECT_EQ(dispatch.Wait(1, timed, nullptr, 5000), 1);
   EXPECT_GE(NowMs() - start, 55);
   EXPECT_GE(calls, 2);
-  EXPECT_FALSE(dispatch.IsEventRegistered(&deadline));
 
-  // A registered exit event is both: it ends the wait and stays registered.
-  AsyncEvent registeredExit;
-  ASSERT_TRUE(dispatch.RegisterEvent(&registeredExit, &counter, false));
-  FunctionCallback signalOther([&](Dispatch*, Event*) {
-    tick.Reset(true);
-    registeredExit.Signal(true);
-  });
-  dispatch.UnregisterEvent(&tick);
-  dispatch.RegisterEvent(&tick, &signalOther, false);
-  Event* both[] = {&registeredExit};
+  // A registered exit event ends the wait, is not dispatched and stays registered.
+  exit.Signal(false);
   calls = 0;
-  EXPECT_EQ(dispatch.Wait(1, both, nullptr, 5000), 1);
-  EXPECT_EQ(calls, 0);
-  EXPECT_TRUE(dispatch.IsEventRegistered(&registeredExit));
+  ASSERT_TRUE(dispatch.RegisterEvent(&exit, &ticker, false));
+  EXPECT_EQ(dispatch.Wait(1, exits, nullptr, 5000), 1);
+  EXPECT_EQ(calls, 3);
+  EXPECT_TRUE(dispatch.IsEventRegistered(&exit));
   dispatch.UnregisterAllEvents();
 
-  // Time-out with exit events that never fire.
+  // Exit events that never fire: time-out.
   TimerEvent never(kInf);
   Event* quiet[] = {&never};
   EXPECT_EQ(dispatch.Wait(1, quiet, signalled, 30), 0);
@@ -297,32 +284,25 @@ TEST_F(DispatchTest, SocketReadinessIsDispatched) {
   EXPECT_EQ(dispatch.Wait(100), 0);
   EXPECT_EQ(reads, 2);
 
-  // A socket exit event: data on the other end ends the wait.
-  SocketReadEvent other(pair.fd[1]);
-  Event* exits[] = {&other};
+  // A socket as exit event.
+  SocketReadEvent otherEnd(pair.fd[1]);
+  Event* exits[] = {&otherEnd};
   ASSERT_EQ(write(pair.fd[0], "y", 1), 1);
   EXPECT_EQ(dispatch.Wait(1, exits, nullptr, 2000), 1);
-  EXPECT_TRUE(dispatch.UnregisterEvent(&readable));
-}
 
-TEST_F(DispatchTest, OnlyTheReadDescriptorOfAnEventIsWatched) {
-  Dispatch dispatch;
-  SocketPair pair;
-  ASSERT_TRUE(pair.ok());
-  // The write descriptor is writable at once, the read one never: watched for reading alone, the
-  // event is never dispatched.
-  TwoDescriptorEvent both(pair.fd[0], pair.fd[1]);
+  // Of an event's descriptors only the read one is watched: never readable here, so an event that
+  // also names the writable end is not dispatched; without a read descriptor, it is.
+  dispatch.UnregisterAllEvents();
+  TwoDescriptorEvent both(pair.fd[0], pair.fd[1]), writeOnly(-1, pair.fd[1]);
   int calls = 0;
-  FunctionCallback counter([&calls](Dispatch* d, Event*) {
+  FunctionCallback stopper([&calls](Dispatch* d, Event*) {
     ++calls;
     d->Stop();
   });
-  ASSERT_TRUE(dispatch.RegisterEvent(&both, &counter, false));
+  ASSERT_TRUE(dispatch.RegisterEvent(&both, &stopper, false));
   EXPECT_EQ(dispatch.Wait(40), 0);
   EXPECT_EQ(calls, 0);
-
-  TwoDescriptorEvent writeOnly(-1, pair.fd[1]);
-  ASSERT_TRUE(dispatch.RegisterEvent(&writeOnly, &counter, false));
+  ASSERT_TRUE(dispatch.RegisterEvent(&writeOnly, &stopper, false));
   EXPECT_EQ(dispatch.Wait(1000), 0);
   EXPECT_EQ(calls, 1);
   dispatch.UnregisterAllEvents();
@@ -332,21 +312,19 @@ TEST_F(DispatchTest, DescriptorsAboveFdSetSizeAreDispatched) {
   Dispatch dispatch;
   SocketPair pair;
   ASSERT_TRUE(pair.ok());
-  HighDescriptor high(pair.fd[0]);
+  eventtest::HighDescriptor high(pair.fd[0]);
   if (!high.ok()) GTEST_SKIP() << "cannot open a descriptor at or above FD_SETSIZE";
   SocketReadEvent readable(pair.fd[0]);
   int reads = 0;
   FunctionCallback reader([&](Dispatch* d, Event*) {
-    pair.Receive();
-    ++reads;
+    reads += pair.Receive();
     d->Stop();
   });
   ASSERT_TRUE(dispatch.RegisterEvent(&readable, &reader, false));
   ASSERT_TRUE(pair.Send());
   EXPECT_EQ(dispatch.Wait(2000), 0);
   EXPECT_EQ(reads, 1);
-
-  // The same descriptor as an exit event goes through Event::Wait.
+  // As an exit event it goes through Event::Wait.
   ASSERT_TRUE(pair.Send());
   dispatch.UnregisterEvent(&readable);
   Event* exits[] = {&readable};
@@ -356,8 +334,6 @@ TEST_F(DispatchTest, DescriptorsAboveFdSetSizeAreDispatched) {
 TEST_F(DispatchTest, ProcessWideInstanceAndForwarders) {
   Dispatch* instance = Dispatch::Instance();
   EXPECT_EQ(instance, Dispatch::Instance());
-  EXPECT_EQ(kt::Wait(0), 0);
-
   TimerEvent timer(0);
   int calls = 0;
   FunctionCallback stopper([&calls](Dispatch* d, Event*) {
@@ -374,10 +350,8 @@ TEST_F(DispatchTest, ProcessWideInstanceAndForwarders) {
   Event* signalled[1] = {};
   EXPECT_EQ(kt::Wait(1, exits, signalled, 1000), 1);
   EXPECT_EQ(signalled[0], &exit);
-
   EXPECT_TRUE(kt::ResetCallback(&timer));
   EXPECT_FALSE(kt::ResetCallback(&timer));
-  EXPECT_EQ(instance->CountRegisteredEvents(), 0u);
 }
 
 }  // namespace

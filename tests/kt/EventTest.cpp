@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <functional>
 #include <regex>
 #include <string>
 #include <thread>
@@ -16,7 +17,6 @@
 namespace {
 
 using eventtest::HighDescriptor;
-using eventtest::LoopbackTcpPair;
 using eventtest::NowMs;
 using eventtest::SocketPair;
 
@@ -29,21 +29,18 @@ class PlainEvent : public Event {
   bool Poll() const override { return signalled; }
 };
 
-// Polled, never signalled, always "due in" the given time; runs a hook on every MinEventTime call.
+// Never signalled, due in a fixed time; runs a hook on every MinEventTime call.
 class HookedEvent : public Event {
  public:
-  explicit HookedEvent(unsigned minTime) : minTime_(minTime) {}
   std::function<void(int)> onMinEventTime;
   bool Poll() const override { return false; }
   unsigned MinEventTime() const override {
-    ++calls_;
-    if (onMinEventTime) onMinEventTime(calls_);
-    return minTime_;
+    if (onMinEventTime) onMinEventTime(++calls_);
+    return 10;
   }
-  unsigned MaxEventTime() const override { return minTime_; }
+  unsigned MaxEventTime() const override { return 10; }
 
  private:
-  unsigned minTime_;
   mutable int calls_ = 0;
 };
 
@@ -65,12 +62,10 @@ TEST(Event, KindsReportTypeTimesAndDescriptors) {
   SocketReadEvent readEvent(5);
   SocketWriteEvent writeEvent(6);
   SocketExceptEvent exceptEvent(7);
-
   struct Case {
     const Event& event;
     const char* type;
-    unsigned min;
-    unsigned max;
+    unsigned min, max;
     bool descriptors;
     int read, write, except;
   };
@@ -88,108 +83,78 @@ TEST(Event, KindsReportTypeTimesAndDescriptors) {
     EXPECT_EQ(c.event.Type(), c.type);
     EXPECT_EQ(c.event.MinEventTime(), c.min);
     EXPECT_EQ(c.event.MaxEventTime(), c.max);
-    // Untouched unless the kind has descriptors.
-    int read = 11, write = 12, except = 13;
+    int read = 11, write = 12, except = 13;  // untouched by kinds without descriptors
     EXPECT_EQ(c.event.GetDescriptors(read, write, except), c.descriptors);
     EXPECT_EQ(read, c.read);
     EXPECT_EQ(write, c.write);
     EXPECT_EQ(except, c.except);
     EXPECT_EQ(c.event.Owner(), nullptr);
-    EXPECT_EQ(c.event.GetCallback(), nullptr);
   }
-  EXPECT_EQ(readEvent.GetHandle(), 5);
-
-  int data = 0;
-  plain.SetData(&data);
-  EXPECT_EQ(plain.Data(), &data);
+  EXPECT_TRUE(!plain);
+  plain.signalled = true;
+  EXPECT_TRUE(static_cast<bool>(plain));
 }
 
 TEST(Event, StringFormJoinsAddressTimesAndType) {
   SocketReadEvent readEvent(SocketEvent::NullHandle);
   const std::string text = readEvent;
-  EXPECT_TRUE(std::regex_match(text, std::regex("0x[0-9a-f]+, 0, 4294967295, SocketReadEvent")))
-      << text;
   char address[32];
   snprintf(address, sizeof(address), "%p", static_cast<void*>(&readEvent));
-  EXPECT_EQ(text.substr(0, text.find(',')), address);
-
-  TimerEvent due(0);
-  EXPECT_EQ(std::string(due).substr(std::string(due).find(',')), ", 0, 0, TimerEvent");
-  TimerEvent never(kInf);
-  EXPECT_EQ(std::string(never).substr(std::string(never).find(',')),
-            ", 4294967295, 4294967295, TimerEvent");
+  EXPECT_EQ(text, std::string(address) + ", 0, 4294967295, SocketReadEvent");
 
   TimerEvent soon(250);
-  std::smatch match;
   const std::string soonText = soon;
+  std::smatch match;
   ASSERT_TRUE(
       std::regex_match(soonText, match, std::regex("0x[0-9a-f]+, (\\d+), (\\d+), TimerEvent")));
-  const unsigned min = std::stoul(match[1]);
-  const unsigned max = std::stoul(match[2]);
-  EXPECT_LE(min, 250u);
-  EXPECT_GE(min, 150u);
-  EXPECT_LE(max - min, 1u);  // read one after the other
+  EXPECT_LE(std::stoul(match[1]), 250u);
+  EXPECT_GE(std::stoul(match[1]), 150u);
+  EXPECT_LE(std::stoul(match[2]) - std::stoul(match[1]), 1u);  // read one after the other
 }
 
-TEST(Event, BoolOperatorsFollowPoll) {
-  PlainEvent event;
-  EXPECT_FALSE(static_cast<bool>(event));
-  EXPECT_TRUE(!event);
-  event.signalled = true;
-  EXPECT_TRUE(static_cast<bool>(event));
-  EXPECT_FALSE(!event);
-}
-
-TEST(AsyncEvent, SignalSetsStateAndNotifiesOnChangeOnly) {
+TEST(AsyncEvent, SignalNotifiesTheDispatcherOnChangesOnly) {
   CountingDispatch dispatch;
   AsyncEvent event;
   ASSERT_TRUE(dispatch.RegisterEvent(&event, nullptr, false));
-  const int afterRegistration = dispatch.updates;
-
+  const int registered = dispatch.updates;
+  event.Signal(true);
   event.Signal(true);
   EXPECT_TRUE(event.Poll());
   EXPECT_EQ(event.MinEventTime(), 0u);
-  EXPECT_EQ(event.MaxEventTime(), 0u);
-  event.Signal(true);
-  EXPECT_EQ(dispatch.updates, afterRegistration + 1);
-
+  EXPECT_EQ(dispatch.updates, registered + 1);
+  event.Signal(false);
   event.Signal(false);
   EXPECT_FALSE(event.Poll());
-  EXPECT_EQ(event.MinEventTime(), kInf);
-  EXPECT_EQ(dispatch.updates, afterRegistration + 2);
-  event.Signal(false);
-  EXPECT_EQ(dispatch.updates, afterRegistration + 2);
-}
-
-TEST(TimerEvent, ZeroIsAlwaysDueInfiniteNever) {
-  TimerEvent zero(0);
-  EXPECT_TRUE(zero.Poll());
-  zero.Reset(true);
-  zero.Reset(false);
-  EXPECT_TRUE(zero.Poll());
-  EXPECT_EQ(zero.Time(), 0u);
-
-  TimerEvent never(kInf);
-  EXPECT_FALSE(never.Poll());
-  never.Reset(true);
-  EXPECT_EQ(never.Time(), kInf);
-  EXPECT_EQ(never.Interval(), kInf);
+  EXPECT_EQ(dispatch.updates, registered + 2);
 }
 
 TEST(TimerEvent, CountsDownAndStaysDueUntilReset) {
-  TimerEvent timer(40);
-  EXPECT_FALSE(timer.Poll());
-  EXPECT_LE(timer.Time(), 40u);
-  EXPECT_GT(timer.Time(), 0u);
-  kt::__os_Sleep(50);
-  EXPECT_TRUE(timer.Poll());
-  kt::__os_Sleep(20);
-  EXPECT_TRUE(timer.Poll()) << "a due timer stays due";
+  TimerEvent zero(0);
+  zero.Reset(false);
+  EXPECT_TRUE(zero.Poll());
+  TimerEvent never(kInf);
+  never.Reset(true);
+  EXPECT_EQ(never.Time(), kInf);
 
-  // A plain reset restarts the count from now.
-  timer.Reset(false);
-  EXPECT_FALSE(timer.Poll());
+  TimerEvent timer(40);
+  EXPECT_GT(timer.Time(), 0u);
+  EXPECT_LE(timer.Time(), 40u);
+  kt::__os_Sleep(60);
+  EXPECT_TRUE(timer.Poll()) << "a due timer stays due";
+  timer.Reset(false);  // restarts from now
   EXPECT_GE(timer.Time(), 30u);
+
+  // A new interval applies to the running timer.
+  CountingDispatch dispatch;
+  ASSERT_TRUE(dispatch.RegisterEvent(&timer, nullptr, false));
+  const int before = dispatch.updates;
+  kt::__os_Sleep(20);
+  timer.SetInterval(1000);
+  EXPECT_EQ(timer.Interval(), 1000u);
+  EXPECT_LE(timer.Time(), 980u);
+  timer.Reset(true);
+  EXPECT_EQ(dispatch.updates, before + 2);
+  EXPECT_TRUE(dispatch.UnregisterEvent(&timer));
 }
 
 TEST(TimerEvent, PeriodicResetsMoveTheDuePointByWholeIntervals) {
@@ -207,21 +172,6 @@ TEST(TimerEvent, PeriodicResetsMoveTheDuePointByWholeIntervals) {
   EXPECT_LE(left + elapsed, 402u);
 }
 
-TEST(TimerEvent, SetIntervalKeepsTheTimerRunningAndNotifies) {
-  CountingDispatch dispatch;
-  TimerEvent timer(1000);
-  ASSERT_TRUE(dispatch.RegisterEvent(&timer, nullptr, false));
-  const int before = dispatch.updates;
-  kt::__os_Sleep(30);
-  timer.SetInterval(100);
-  EXPECT_EQ(timer.Interval(), 100u);
-  EXPECT_LE(timer.Time(), 70u);
-  timer.Reset(true);
-  timer.Reset(false);
-  EXPECT_EQ(dispatch.updates, before + 3);
-  EXPECT_TRUE(dispatch.UnregisterEvent(&timer));
-}
-
 TEST(SocketEvent, PollReportsReadinessOfTheDescriptor) {
   SocketPair pair;
   ASSERT_TRUE(pair.ok());
@@ -230,36 +180,29 @@ TEST(SocketEvent, PollReportsReadinessOfTheDescriptor) {
   SocketExceptEvent exceptional(pair.fd[0]);
   EXPECT_FALSE(readable.Poll());
   EXPECT_TRUE(writable.Poll());
-  EXPECT_FALSE(exceptional.Poll());
   ASSERT_TRUE(pair.Send());
   EXPECT_TRUE(readable.Poll());
   ASSERT_TRUE(pair.Receive());
   EXPECT_FALSE(readable.Poll());
-
   // A hung-up peer makes the socket readable (the read would return end of file).
-  close(pair.fd[1]);
-  pair.fd[1] = -1;
+  pair.Close(1);
   EXPECT_TRUE(readable.Poll());
   EXPECT_FALSE(exceptional.Poll());
 
   // No handle, or a closed one: never signalled.
-  EXPECT_FALSE(SocketReadEvent(SocketEvent::NullHandle).Poll());
   EXPECT_FALSE(SocketWriteEvent(SocketEvent::NullHandle).Poll());
   const int closed = dup(pair.fd[0]);
   close(closed);
   EXPECT_FALSE(SocketReadEvent(closed).Poll());
   EXPECT_FALSE(SocketReadEvent(closed).Wait(0));
-}
 
-TEST(SocketEvent, OutOfBandDataIsAnExceptionalCondition) {
-  LoopbackTcpPair tcp;
+  // Out-of-band data (TCP over loopback) is the exceptional condition.
+  eventtest::LoopbackTcpPair tcp;
   ASSERT_TRUE(tcp.ok());
-  SocketExceptEvent exceptional(tcp.server);
-  EXPECT_FALSE(exceptional.Poll());
-  const char urgent = '!';
-  ASSERT_EQ(send(tcp.client, &urgent, 1, MSG_OOB), 1);
-  EXPECT_TRUE(exceptional.Wait(2000));
-  EXPECT_TRUE(exceptional.Poll());
+  SocketExceptEvent urgent(tcp.server);
+  EXPECT_FALSE(urgent.Poll());
+  ASSERT_EQ(send(tcp.client, "!", 1, MSG_OOB), 1);
+  EXPECT_TRUE(urgent.Wait(2000));
 }
 
 TEST(SocketEvent, DescriptorsAboveFdSetSizeWork) {
@@ -274,50 +217,37 @@ TEST(SocketEvent, DescriptorsAboveFdSetSizeWork) {
   EXPECT_TRUE(readable.Poll());
   EXPECT_TRUE(readable.Wait(0));
   Event* events[] = {&readable};
-  Event* signalled[1] = {};
-  EXPECT_EQ(Event::Wait(1, events, signalled, 0), 1);
-  EXPECT_EQ(signalled[0], &readable);
+  EXPECT_EQ(Event::Wait(1, events, nullptr, 0), 1);
 }
 
-TEST(EventWait, DescriptorEventWaitsForReadiness) {
+TEST(EventWait, OneEventByDescriptorsOrByPolling) {
   SocketPair pair;
   ASSERT_TRUE(pair.ok());
   SocketReadEvent readable(pair.fd[0]);
   long long start = NowMs();
   EXPECT_FALSE(readable.Wait(40));
   EXPECT_GE(NowMs() - start, 39);
-
   std::thread writer([&pair] {
     kt::__os_Sleep(30);
     pair.Send();
   });
-  start = NowMs();
   EXPECT_TRUE(readable.Wait(kInf));
   writer.join();
-  EXPECT_LT(NowMs() - start, 5000);
-}
 
-TEST(EventWait, PolledEventSleepsUntilItsEarliestTimeButAtLeastTenMs) {
+  // Polled: sleeps until the earliest time, but never less than 10 ms.
   TimerEvent timer(60);
-  long long start = NowMs();
+  start = NowMs();
   EXPECT_TRUE(timer.Wait(5000));
-  long long took = NowMs() - start;
-  EXPECT_GE(took, 55);
-  EXPECT_LT(took, 2000);
-
-  // 3 ms left: the wait still sleeps 10 ms.
+  EXPECT_GE(NowMs() - start, 55);
+  EXPECT_LT(NowMs() - start, 2000);
   TimerEvent soon(3);
   start = NowMs();
   EXPECT_TRUE(soon.Wait(kInf));
   EXPECT_GE(NowMs() - start, 9);
-
   TimerEvent never(kInf);
   start = NowMs();
   EXPECT_FALSE(never.Wait(50));
-  took = NowMs() - start;
-  EXPECT_GE(took, 49);
-  EXPECT_LT(took, 2000);
-  EXPECT_FALSE(never.Wait(0));
+  EXPECT_GE(NowMs() - start, 49);
 }
 
 TEST(EventWait, AsyncEventSignalledFromAnotherThread) {
@@ -326,13 +256,11 @@ TEST(EventWait, AsyncEventSignalledFromAnotherThread) {
     kt::__os_Sleep(20);
     event.Signal(true);
   });
-  // Unsignalled, the event gives no earliest time, so the wait sleeps out its timeout before
-  // polling again.
+  // Unsignalled, the event has no earliest time: the wait sleeps out its timeout, then polls.
   const long long start = NowMs();
   EXPECT_TRUE(event.Wait(150));
   EXPECT_GE(NowMs() - start, 100);
   signaller.join();
-  EXPECT_TRUE(event.Wait(0));
 }
 
 TEST(EventWaitMany, ReportsSignalledEventsDescriptorsFirst) {
@@ -340,18 +268,15 @@ TEST(EventWaitMany, ReportsSignalledEventsDescriptorsFirst) {
   ASSERT_TRUE(pair.ok());
   ASSERT_TRUE(pair.Send());
   SocketReadEvent readable(pair.fd[0]);
+  SocketReadEvent quiet(pair.fd[1]);
   AsyncEvent async;
   async.Signal(true);
   TimerEvent never(kInf);
-  SocketReadEvent quiet(pair.fd[1]);
-
   Event* events[] = {&never, &async, nullptr, &quiet, &readable};
   Event* signalled[5] = {};
   EXPECT_EQ(Event::Wait(5, events, signalled, 1000), 2);
   EXPECT_EQ(signalled[0], &readable);
   EXPECT_EQ(signalled[1], &async);
-  EXPECT_EQ(signalled[2], nullptr);
-  EXPECT_EQ(Event::Wait(5, events, nullptr, 0), 2);
 
   // Polled events only: the first one due ends the wait.
   TimerEvent later(40);
@@ -363,29 +288,25 @@ TEST(EventWaitMany, ReportsSignalledEventsDescriptorsFirst) {
 }
 
 TEST(EventWaitMany, TimesOutWithNothingSignalled) {
-  // Nothing to wait on at all: a finite timeout is slept once; 0 returns at once.
-  Event* none[] = {nullptr, nullptr};
+  // Nothing to wait on: a finite timeout is slept once, 0 returns at once.
+  Event* none[] = {nullptr};
   long long start = NowMs();
-  EXPECT_EQ(Event::Wait(2, none, nullptr, 0), 0);
-  EXPECT_EQ(Event::Wait(0, nullptr, nullptr, 0), 0);
+  EXPECT_EQ(Event::Wait(1, none, nullptr, 0), 0);
   EXPECT_LT(NowMs() - start, 50);
-  start = NowMs();
   EXPECT_EQ(Event::Wait(0, nullptr, nullptr, 30), 0);
   EXPECT_GE(NowMs() - start, 29);
 
-  TimerEvent never(kInf);
   SocketPair pair;
   ASSERT_TRUE(pair.ok());
   SocketReadEvent quiet(pair.fd[0]);
+  TimerEvent never(kInf);
   Event* events[] = {&never, &quiet};
   start = NowMs();
   EXPECT_EQ(Event::Wait(2, events, nullptr, 60), 0);
   EXPECT_GE(NowMs() - start, 59);
-
   // Polled events with a timeout of 0 are polled once, without sleeping.
-  Event* polled[] = {&never};
   start = NowMs();
-  EXPECT_EQ(Event::Wait(1, polled, nullptr, 0), 0);
+  EXPECT_EQ(Event::Wait(1, events, nullptr, 0), 0);
   EXPECT_LT(NowMs() - start, 50);
 }
 
@@ -393,19 +314,17 @@ TEST(EventWaitMany, DescriptorSetsAreNotRebuiltBetweenRounds) {
   SocketPair pair;
   ASSERT_TRUE(pair.ok());
   SocketReadEvent readable(pair.fd[0]);
-  // Makes every round short; from the second round on it makes the socket readable, after the
-  // first round's wait has ended with nothing ready and so emptied the sets.
-  HookedEvent ticker(10);
+  // Keeps rounds short; in the second round it makes the socket readable, after the first round's
+  // wait ended with nothing ready and so emptied the sets.
+  HookedEvent ticker;
   ticker.onMinEventTime = [&pair](int call) {
     if (call == 2) pair.Send();
   };
   Event* events[] = {&readable, &ticker};
   EXPECT_EQ(Event::Wait(2, events, nullptr, 100), 0);
   EXPECT_TRUE(readable.Poll()) << "the data was there, but the emptied sets no longer watch it";
-
-  // A fresh wait builds the sets again and sees it.
   Event* signalled[2] = {};
-  EXPECT_EQ(Event::Wait(2, events, signalled, 100), 1);
+  EXPECT_EQ(Event::Wait(2, events, signalled, 100), 1) << "a fresh wait builds the sets again";
   EXPECT_EQ(signalled[0], &readable);
 }
 
