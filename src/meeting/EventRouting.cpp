@@ -7,6 +7,18 @@
 
 namespace Telmora {
 
+namespace {
+
+// The one line logged for an event dropped at the engine boundary; never throws.
+void logDropped(const char* prefix, const char* reason) noexcept {
+  try {
+    logLine(std::string(prefix) + "dropped an event: " + reason);
+  } catch (...) {
+  }
+}
+
+}  // namespace
+
 void routeEvent(const char* text, const char* missingEvent, const char* missingName,
                 const char* boundaryPrefix,
                 void (*route)(kt::XMLElement* event, const std::string& name)) {
@@ -25,10 +37,26 @@ void routeEvent(const char* text, const char* missingEvent, const char* missingN
     }
     route(event, name->value);
   } catch (const std::exception& e) {
-    logLine(std::string(boundaryPrefix) + "dropped an event: " + e.what());
+    logDropped(boundaryPrefix, e.what());
   } catch (...) {
-    logLine(std::string(boundaryPrefix) + "dropped an event: unknown exception");
+    logDropped(boundaryPrefix, "unknown exception");
   }
+}
+
+// The "stream" element of an event and its "id"; logs the handler's message for what is missing.
+const kt::XMLElement* findStream(kt::XMLElement* event, const char* handler, std::string& id) {
+  const kt::XMLElement* stream = event->FindElementByName("stream");
+  if (stream == nullptr) {
+    logLine(std::string("Convoke: ") + handler + ": could not find stream element");
+    return nullptr;
+  }
+  const kt::XMLAttribute* attribute = stream->FindAttributeByName("id");
+  if (attribute == nullptr) {
+    logLine(std::string("Convoke: ") + handler + ": could not find stream id");
+    return nullptr;
+  }
+  id = attribute->value;
+  return stream;
 }
 
 }  // namespace Telmora

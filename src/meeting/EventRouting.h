@@ -28,6 +28,10 @@ void routeEvent(const char* text, const char* missingEvent, const char* missingN
                 const char* boundaryPrefix,
                 void (*route)(kt::XMLElement* event, const std::string& name));
 
+// The "stream" element of an event, with its "id" attribute's value in id. When either is missing,
+// logs "Convoke: <handler>: could not find stream element" (or "... stream id") and returns null.
+const kt::XMLElement* findStream(kt::XMLElement* event, const char* handler, std::string& id);
+
 // atoi of an element's text.
 inline int elementNumber(const kt::XMLElement* element) {
   return std::atoi(element->value.c_str());

@@ -39,22 +39,6 @@ void routeVideo(kt::XMLElement* event, const std::string& name) {
   logLine("Convoke: videoCallback: unhandled event name: " + name);
 }
 
-// The "stream" element of an event and its "id"; logs the handler's message for what is missing.
-const kt::XMLElement* findStream(kt::XMLElement* event, const char* handler, std::string& id) {
-  const kt::XMLElement* stream = event->FindElementByName("stream");
-  if (stream == nullptr) {
-    logLine(std::string("Convoke: ") + handler + ": could not find stream element");
-    return nullptr;
-  }
-  const kt::XMLAttribute* attribute = stream->FindAttributeByName("id");
-  if (attribute == nullptr) {
-    logLine(std::string("Convoke: ") + handler + ": could not find stream id");
-    return nullptr;
-  }
-  id = attribute->value;
-  return stream;
-}
-
 }  // namespace
 
 VideoEvents* VideoEvents::sharedInstance() {
