@@ -553,3 +553,26 @@ TEST_F(ScriptedMeeting, MalformedServerUrlsAreRefused) {
 
 }  // namespace
 }  // namespace simtest
+
+namespace simtest {
+namespace {
+
+void ExitMidMeeting() {
+  ktsim_meeting_enable(true);
+  AudioSetCallback(AudioEvent);
+  VideoSetCallback(VideoEvent);
+  VideoConnect("rtsp://127.0.0.1:46000/kt.sdp/6/exit?participants=20&tick=20&start=0", "auto", "",
+               "Me", kUuid, "k", "AES256", 0, 1, 0);
+  static const char sound[64000] = {1};
+  AudioPlaySound(sound, sizeof sound, "");
+  Recorder::Get().WaitUntil([](const std::vector<Received>& got) { return got.size() > 10; });
+  std::exit(3);  // the meeting, its clock and both event threads are still running
+}
+
+TEST(ScriptedMeetingExit, AProcessMayExitWhileAMeetingRuns) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(ExitMidMeeting(), ::testing::ExitedWithCode(3), "");
+}
+
+}  // namespace
+}  // namespace simtest
