@@ -79,8 +79,14 @@ class Canvas {
     x0 = std::max(x0, 0);
     x1 = std::min(x1, w());
     const int bpp = f_->bytes_per_pixel;
+    if (x1 <= x0) return;
     uint8_t* out = f_->data + static_cast<size_t>(y) * f_->stride + static_cast<size_t>(x0) * bpp;
-    for (int x = x0; x < x1; ++x, out += bpp) std::memcpy(out, p.b, bpp);
+    // One pixel, then the filled part copied onto the rest, doubling each time.
+    const size_t total = static_cast<size_t>(x1 - x0) * bpp;
+    std::memcpy(out, p.b, bpp);
+    for (size_t done = bpp; done < total; done *= 2) {
+      std::memcpy(out + done, out, std::min(done, total - done));
+    }
   }
   void Rect(int x0, int y0, int x1, int y1, Pixel p) {
     for (int y = std::max(y0, 0); y < std::min(y1, h()); ++y) Row(y, x0, x1, p);

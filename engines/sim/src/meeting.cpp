@@ -443,10 +443,9 @@ void Meeting::AddBotLocked(bool announce_now) {
   bot.name = first + " " + last;
   std::string email =
       Lower(first + "." + last) + "@" + kDomains[Rand() % (sizeof kDomains / sizeof *kDomains)];
-  for (int i = 2; bots_.count(email) || ids_.count(email); ++i) {
+  for (int i = 2; bots_.count(email); ++i) {
     email = Lower(first + "." + last) + std::to_string(i) + email.substr(email.find('@'));
   }
-  ids_.insert(email);
   bot.email = email;
   bot.site = kSites[Rand() % (sizeof kSites / sizeof *kSites)];
   bot.camera_model = kCameraModels[Rand() % (sizeof kCameraModels / sizeof *kCameraModels)];
@@ -893,9 +892,11 @@ bool Meeting::AudioCommandLocked(const Node& root, bool apply, std::string* erro
         const std::string* id = s->Attribute("id");
         if (s->name != "stream" || id == nullptr)
           return Fail(error, "Malformed audio stream element");
-        bool known = false;
-        for (const auto& entry : bots_) known = known || entry.second.audio_id == *id;
-        if (!known) return Fail(error, "Unknown audio stream '" + *id + "'");
+        // Any stream of this meeting, including one whose participant just left: the product
+        // sets a volume in answer to an announcement that may cross the departure.
+        if (!running_ || ids_.count(*id) == 0) {
+          return Fail(error, "Unknown audio stream '" + *id + "'");
+        }
         const std::string* volume = TextOf(*s, "volume");
         long value = 0;
         if (volume == nullptr) return Fail(error, "Missing volume for audio stream '" + *id + "'");
