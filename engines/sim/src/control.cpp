@@ -3,10 +3,13 @@
 #include <cstring>
 #include <string>
 
+#include "frame.h"
 #include "ktsim/ktsim.h"
+#include "meeting.h"
 #include "simulation.h"
 
 using ktsim::EngineSettings;
+using ktsim::Meeting;
 using ktsim::Simulation;
 
 namespace {
@@ -44,6 +47,7 @@ int ktsim_threads_running(void) {
   Guarded([&] {
     count += Sim().queue(KTSIM_AUDIO).running() ? 1 : 0;
     count += Sim().queue(KTSIM_VIDEO).running() ? 1 : 0;
+    count += Meeting::Get().clock_running() ? 1 : 0;
   });
   return count;
 }
@@ -140,6 +144,56 @@ long ktsim_trace_history(ktsim_engine engine, char* buffer, size_t size) {
     length = static_cast<long>(history.size());
   });
   return length;
+}
+
+void ktsim_meeting_enable(bool on) {
+  Guarded([&] { Meeting::Get().Enable(on); });
+}
+
+bool ktsim_meeting_enabled(void) {
+  bool on = false;
+  Guarded([&] { on = Meeting::Get().enabled(); });
+  return on;
+}
+
+void ktsim_meeting_configure(const char* options) {
+  Guarded([&] { Meeting::Get().Configure(Str(options)); });
+}
+
+bool ktsim_meeting_running(void) {
+  bool running = false;
+  Guarded([&] { running = Meeting::Get().running(); });
+  return running;
+}
+
+int ktsim_meeting_participants(void) {
+  int count = 0;
+  Guarded([&] { count = Meeting::Get().participants(); });
+  return count;
+}
+
+bool ktsim_meeting_arrive(void) {
+  bool done = false;
+  Guarded([&] { done = Meeting::Get().Arrive(); });
+  return done;
+}
+
+bool ktsim_meeting_depart(void) {
+  bool done = false;
+  Guarded([&] { done = Meeting::Get().Depart(); });
+  return done;
+}
+
+int ktsim_meeting_volume(const char* id) {
+  int volume = -1;
+  Guarded([&] { volume = Meeting::Get().Volume(Str(id)); });
+  return volume;
+}
+
+size_t ktsim_frame_copy(const ktsim_frame* frame, void* pixels, size_t size, ktsim_frame* info) {
+  size_t bytes = 0;
+  Guarded([&] { bytes = ktsim::frames::Copy(frame, pixels, size, info); });
+  return bytes;
 }
 
 }  // extern "C"

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <string>
 
+#include "frame.h"
+#include "meeting.h"
 #include "simulation.h"
 
 namespace ktsim {
@@ -22,6 +24,24 @@ std::string Pointer(const void* p) {
 }
 
 Simulation& Sim() { return Simulation::Get(); }
+Meeting& Scripted() { return Meeting::Get(); }
+
+std::string Str(const char* text) { return text == nullptr ? std::string() : std::string(text); }
+
+// A trace line of the scripted engines, for the trace callback when the level lets it through
+// (without a level set, up to 3).
+void Trace(ktsim_engine engine, unsigned int level, const std::string& text) {
+  EventQueue& queue = Sim().queue(engine);
+  if (queue.trace_callback() == nullptr) return;
+  const int set = Sim().Settings(engine).trace_level;
+  if (static_cast<int>(level) > (set < 0 ? 3 : set)) return;
+  queue.PushTrace(level, (engine == KTSIM_VIDEO ? "video engine: " : "audio engine: ") + text);
+}
+
+void Refused(ktsim_engine engine, const std::string& error) {
+  Sim().Update(engine, [&](EngineSettings& s) { s.last_error = error; });
+  Trace(engine, 2, error);
+}
 
 }  // namespace
 
@@ -47,7 +67,15 @@ bool Connect(ktsim_engine engine, const char* url, const char* mode, const char*
       entry += std::to_string(number);
     }
     Sim().Log(std::move(entry));
-    return Sim().Settings(engine).connect_ok;
+    if (!Sim().Settings(engine).connect_ok) return false;
+    if (!Scripted().enabled()) return true;
+    std::string error;
+    if (!Scripted().Connect(engine, Str(url), Str(display_name), Str(uuid), &error)) {
+      Refused(engine, error);
+      return false;
+    }
+    Trace(engine, 3, "connected to " + Str(url));
+    return true;
   } catch (...) {
     return false;
   }
@@ -56,6 +84,13 @@ bool Connect(ktsim_engine engine, const char* url, const char* mode, const char*
 void Disconnect(ktsim_engine engine, int how) noexcept {
   try {
     Sim().Log(Entry(engine, "Disconnect\t") + std::to_string(how));
+    const bool scripted = Scripted().running();
+    Scripted().End();
+    if (scripted) Trace(engine, 3, "disconnected");
+    // Nothing keeps running: each event thread ends once it delivered what is queued. (Waiting
+    // for them here could deadlock a host that disconnects while its callback waits on it.)
+    Sim().queue(KTSIM_AUDIO).StopWhenIdle();
+    Sim().queue(KTSIM_VIDEO).StopWhenIdle();
   } catch (...) {
   }
 }
@@ -63,7 +98,14 @@ void Disconnect(ktsim_engine engine, int how) noexcept {
 bool SetRoot(ktsim_engine engine, const char* xml) noexcept {
   try {
     Sim().Log(Entry(engine, "SetRoot\t") + Text(xml));
-    return Sim().Settings(engine).setroot_ok;
+    if (!Sim().Settings(engine).setroot_ok) return false;
+    if (!Scripted().enabled()) return true;
+    std::string error;
+    if (!Scripted().Command(engine, Str(xml), &error)) {
+      Refused(engine, error);
+      return false;
+    }
+    return true;
   } catch (...) {
     return false;
   }
@@ -86,7 +128,9 @@ int GetLastError(ktsim_engine engine, char* buffer, int size) noexcept {
 const char* GetState(ktsim_engine engine) noexcept {
   try {
     Sim().Log(Entry(engine, "GetState"));
-    return Sim().Settings(engine).state;
+    const EngineSettings settings = Sim().Settings(engine);
+    if (settings.state_set || !Scripted().enabled()) return settings.state;
+    return Sim().Keep(Scripted().State(engine));
   } catch (...) {
     return "";
   }
@@ -121,7 +165,8 @@ bool PlaySound(const char* data, unsigned long size, const char* extra) noexcept
   try {
     Sim().Log("AudioPlaySound\t" + Pointer(data) + '\t' + std::to_string(size) + '\t' +
               Text(extra));
-    return data != nullptr && Sim().Settings(KTSIM_AUDIO).sound_ok;
+    if (data == nullptr || !Sim().Settings(KTSIM_AUDIO).sound_ok) return false;
+    return !Scripted().enabled() || Scripted().PlaySound(data, size);
   } catch (...) {
     return false;
   }
@@ -130,7 +175,8 @@ bool PlaySound(const char* data, unsigned long size, const char* extra) noexcept
 bool StopSound(const char* data) noexcept {
   try {
     Sim().Log("AudioStopSound\t" + Pointer(data));
-    return data != nullptr && Sim().Settings(KTSIM_AUDIO).sound_ok;
+    if (data == nullptr || !Sim().Settings(KTSIM_AUDIO).sound_ok) return false;
+    return !Scripted().enabled() || Scripted().StopSound(data);
   } catch (...) {
     return false;
   }
@@ -146,9 +192,10 @@ void SetDeviceOrientation(int orientation) noexcept {
 
 int FrameReady(const char* stream_id) noexcept {
   try {
+    const std::string id = Str(stream_id);
     int forced = 0;
-    if (Sim().PollFrame(stream_id ? stream_id : "", &forced)) return forced != 0 ? 1 : 0;
-    return 0;
+    if (Sim().PollFrame(id, &forced)) return forced != 0 ? 1 : 0;
+    return Scripted().enabled() && Scripted().PollFrame(id) > 0 ? 1 : 0;
   } catch (...) {
     return 0;
   }

@@ -86,7 +86,7 @@ void EventQueue::Flush() {
   WaitFor(last);
 }
 
-void EventQueue::Discard(uint64_t tag) {
+void EventQueue::Discard(uint64_t tag, bool wait) {
   std::unique_lock<std::mutex> lock(mutex_);
   if (tag == 0) {
     items_.clear();
@@ -96,7 +96,7 @@ void EventQueue::Discard(uint64_t tag) {
     }
   }
   done_.notify_all();
-  if (std::this_thread::get_id() == worker_id_) return;
+  if (!wait || std::this_thread::get_id() == worker_id_) return;
   done_.wait(lock, [this] { return in_flight_ == 0; });
 }
 

@@ -45,9 +45,9 @@ class EventQueue {
   // WaitFor the last item queued so far.
   void Flush();
 
-  // Drops every queued item (tag 0 means all, else only items with that tag) and waits until no
-  // callback is running, unless called on the worker thread.
-  void Discard(uint64_t tag = 0);
+  // Drops every queued item (tag 0 means all, else only items with that tag). With `wait`, then
+  // waits until no callback is running, unless called on the worker thread.
+  void Discard(uint64_t tag = 0, bool wait = true);
 
   // Lets the worker end once it has delivered what is queued, and joins it (unless called on the
   // worker thread itself, which then ends after its callback returns).

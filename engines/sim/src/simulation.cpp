@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "exit_guard.h"
+#include "meeting.h"
 
 namespace ktsim {
 
@@ -73,6 +74,7 @@ unsigned long Simulation::FramePolls(const char* stream_id) const {
 }
 
 void Simulation::Reset() {
+  Meeting::Get().Reset();
   queues_[0].Discard();
   queues_[1].Discard();
   std::lock_guard<std::mutex> lock(mutex_);
@@ -89,6 +91,7 @@ void Simulation::Shutdown() {
 }
 
 void Simulation::Exit() {
+  Meeting::Get().End();
   // A callback still running after this long is stuck; its thread is left to the process's end.
   queues_[0].Exit(std::chrono::milliseconds(2000));
   queues_[1].Exit(std::chrono::milliseconds(2000));

@@ -3,16 +3,29 @@
  *
  * libktaudio-mac and libktvideo-mac, as built from engines/sim, implement the media engines' C ABI
  * over one shared simulation (libktsim). This header is how tests, the demo and host developers
- * steer that simulation: deliver event documents, choose what the engines answer, and read back
- * every call the product made.
+ * steer that simulation: run a scripted meeting, deliver event documents by hand, choose what the
+ * engines answer, and read back every call the product made.
+ *
+ * Two ways to drive it
+ *  - Scripted (the state at load): a successful VideoConnect starts a simulated meeting with
+ *    participants that talk, share video, arrive and leave; the engines understand the product's
+ *    command documents, refuse those they do not understand, describe simulated devices in their
+ *    state documents and fill real frame buffers. AudioDisconnect or VideoDisconnect ends it.
+ *    See "The scripted meeting" below and engines/sim/README.md.
+ *  - Manual (after ktsim_reset): nothing happens by itself; the engines accept what the settings
+ *    say, and a test delivers each event with ktsim_deliver. ktsim_meeting_enable(true) switches
+ *    back to scripted.
+ *  ktsim_deliver and the settings work in both: an explicit setting (a refusal, a state document,
+ *  a frame answer) wins over the scripted behaviour.
  *
  * Conventions
  *  1. Every function may be called from any thread. Texts are NUL-terminated UTF-8 and are copied
  *     before the call returns; NULL is accepted wherever a text is and means the empty text.
  *  2. Each engine delivers its events on its own thread, one at a time, in the order they were
  *     queued, through the callback registered at the moment of delivery. The thread starts with
- *     the first delivery and ends at ktsim_shutdown() or process exit. No lock of the simulation is
- *     held while a callback runs: a callback may call any engine or control function.
+ *     the first delivery and ends at ktsim_shutdown(), at process exit, or once idle after a
+ *     Disconnect. No lock of the simulation is held while a callback runs: a callback may call any
+ *     engine or control function.
  *  3. Settings (connect results, SetRoot results, error texts, state documents) stay in force until
  *     changed or until ktsim_reset().
  *  4. The call log records every engine ABI call with its arguments, across both engines, in the
@@ -38,9 +51,10 @@ extern "C" {
 /* Which engine a control call addresses. */
 typedef enum ktsim_engine { KTSIM_AUDIO = 0, KTSIM_VIDEO = 1 } ktsim_engine;
 
-/* Back to the state at load: empties both event queues (waiting until the event threads are idle),
- * clears the call log and the frame counters, and restores every setting to its default (Connect
- * and SetRoot succeed, no error text, empty state documents, scripted meeting off, no frames
+/* Back to manual control: ends a running scripted meeting (without events), turns the scripted
+ * meeting off and forgets its options, empties both event queues (waiting until no callback runs,
+ * unless called from one), clears the call log and the frame counters, and restores every setting
+ * to its default (Connect and SetRoot succeed, no error text, empty state documents, no frames
  * ready). The registered event and trace callbacks are kept. */
 KTSIM_API void ktsim_reset(void);
 
@@ -49,7 +63,8 @@ KTSIM_API void ktsim_reset(void);
  * Called from inside an event callback, that engine's thread ends once the callback returns. */
 KTSIM_API void ktsim_shutdown(void);
 
-/* How many threads of the simulation are running (event threads and the scripted meeting's). */
+/* How many threads of the simulation are running: the two event threads and the scripted
+ * meeting's clock (which runs during a meeting and while a sound plays). */
 KTSIM_API int ktsim_threads_running(void);
 
 /* Queues an event document for delivery on the engine's thread through the callback the product
@@ -89,7 +104,7 @@ KTSIM_API unsigned long ktsim_frame_polls(const char* stream_id);
 
 /* The call log. An entry is the function name followed by each argument, separated by tab
  * characters: texts as given (NULL as "(null)"), numbers in decimal, bools as "true"/"false",
- * callback pointers as "set" or "null". Examples:
+ * callback pointers as "set" or "null", sound data pointers as their address in decimal. Examples:
  *   "AudioConnect\trtsp://s:46000/kt.sdp/4/m\tauto\t\tAnn\tuuid\tkey\tAES256\t0\t1\t0"
  *   "VideoSetRoot\t<video>...</video>"      "AudioGetLastError\t1024"      "VideoDisconnect\t0"
  *   "AudioPlaySound\t140736\t512\t"        "VideoTraceSetMessageCallback\tnull"
@@ -104,6 +119,105 @@ KTSIM_API int ktsim_trace_level(ktsim_engine engine);
 /* The last text given to Audio/VideoTraceOutputHistory ("" before any), copied like
  * ktsim_log_entry: returns its full length. */
 KTSIM_API long ktsim_trace_history(ktsim_engine engine, char* buffer, size_t size);
+
+/* ---- The scripted meeting -------------------------------------------------------------------
+ *
+ * Options are texts of key=value pairs joined by '&', the syntax of a URL query. They come from
+ * ktsim_meeting_configure and from the query part of the meeting identifier in the connect URL
+ * ("rtsp://<server>:46000/kt.sdp/6/standup?participants=6&seed=7"); a key in the URL wins.
+ * Unknown keys and unreadable values are ignored.
+ *   participants=N  remote participants at the start, 0 to 1000 (default 4)
+ *   seed=N          random seed (default: derived from the meeting identifier, so one identifier
+ *                   always gives the same participants)
+ *   churn=S         mean seconds between an arrival or a departure; 0 for none (default 45)
+ *   screen=0|1      whether one participant shares a screen (default 1)
+ *   fps=N           camera frame rate of the remote participants, 1 to 60 (default 30); shared
+ *                   screens run at a third of it, at most 10
+ *   muted=N         participants muted at the start (default a third of them)
+ *   phone=N         participants without video, dialled in by phone (default 1 from 4 up)
+ *   tick=MS         period of amplitude and meter events, 20 to 1000 (default 100)
+ *   conditions=MS   period of the link condition events, 100 to 10000 (default 1000)
+ *   start=MS        delay from VideoConnect to the first announcement, 0 to 5000 (default 150)
+ *
+ * What it sends: audio_site_changed and video_site_changed for every participant (e-mail
+ * addresses as identities), amplitude (mostly one speaker at a time), input_meter and
+ * output_meter while the local microphone and speakers are enabled, audio_update_conditions and
+ * video_update_conditions, remote_layout_changed and video_stream_size_changed now and then,
+ * video_stream_removed and audio_stream_removed when a participant leaves, binary_playback_ended
+ * when a sound ends (its data is the sound's address in decimal), and video_stream_buffer_ready
+ * when the product enables the rendering of a stream; the stream's pixel_buffer is then the
+ * address of a ktsim_frame (below) and VideoFrameReady reports each new frame at the stream's
+ * frame rate. Enabling the camera, a screen or a network source announces a local stream
+ * (local "true"); disabling it removes the stream. Refused commands leave their reason for
+ * GetLastError. */
+
+/* Scripted meeting on or off (on at load, off after ktsim_reset). Turning it off ends a running
+ * meeting. */
+KTSIM_API void ktsim_meeting_enable(bool on);
+KTSIM_API bool ktsim_meeting_enabled(void);
+/* Default options for the meetings started from now on (NULL or "": the built-in defaults). */
+KTSIM_API void ktsim_meeting_configure(const char* options);
+/* Whether a scripted meeting is running (between a successful VideoConnect and a Disconnect). */
+KTSIM_API bool ktsim_meeting_running(void);
+/* Remote participants present in the running meeting (0 when none runs). */
+KTSIM_API int ktsim_meeting_participants(void);
+/* A participant joins now, or the most recently joined one leaves now. False when no meeting
+ * runs (or nobody is left to leave). */
+KTSIM_API bool ktsim_meeting_arrive(void);
+KTSIM_API bool ktsim_meeting_depart(void);
+/* The volume last set by a command for an audio device or stream id, or -1 when none was. */
+KTSIM_API int ktsim_meeting_volume(const char* id);
+
+/* ---- Frames --------------------------------------------------------------------------------
+ *
+ * In a scripted meeting, the pixel_buffer of video_stream_buffer_ready is the address of a
+ * ktsim_frame, as an unsigned decimal number. The engine writes each new frame into it during
+ * the VideoFrameReady call that reports the frame, on the caller's thread, and never while
+ * another VideoFrameReady of the same stream runs.
+ *
+ * Rules for readers
+ *  - A descriptor and its pixels are never freed nor moved: the address stays readable until the
+ *    process ends, even after its stream was removed (a later stream may reuse the descriptor).
+ *  - width <= max_width, height <= max_height and stride <= 4 * max_width hold at every moment,
+ *    and capacity >= 4 * max_width * max_height, so any width, height and stride read from the
+ *    descriptor, even while it is rewritten, stay inside `data`: a careless reader may see a
+ *    mixed picture but cannot read out of bounds.
+ *  - Reading in the host's videoFrameReady callback, which the product calls on the thread that
+ *    polled VideoFrameReady right after the frame was written, always sees a whole frame.
+ *  - Elsewhere, use ktsim_frame_copy, or check `sequence` yourself: read it (an acquire load,
+ *    e.g. __atomic_load_n(&frame->sequence, __ATOMIC_ACQUIRE)); an odd value means a frame is
+ *    being written; copy what you need; read it again; equal values mean the copy is whole. */
+
+#define KTSIM_FRAME_MAGIC 0x4b544652u /* "KTFR" */
+
+typedef enum ktsim_pixel_format {
+  KTSIM_RGB888 = 0,   /* 3 bytes per pixel: R, G, B ("RGB888") */
+  KTSIM_BGRA8888 = 1, /* 4 bytes per pixel: B, G, R, A ("BGRA8888" or "ARGB8888" on little endian) */
+  KTSIM_RGBA8888 = 2  /* 4 bytes per pixel: R, G, B, A ("RGBA8888") */
+} ktsim_pixel_format;
+
+typedef struct ktsim_frame {
+  unsigned int magic;               /* KTSIM_FRAME_MAGIC */
+  unsigned int format;              /* a ktsim_pixel_format, from the render command's colorspace */
+  int width;                        /* pixels */
+  int height;                       /* rows */
+  int stride;                       /* bytes from one row to the next */
+  int bytes_per_pixel;              /* 3 or 4 */
+  int max_width;                    /* fixed for the descriptor's life */
+  int max_height;                   /* fixed for the descriptor's life */
+  unsigned char* data;              /* fixed for the descriptor's life */
+  size_t capacity;                  /* bytes at data; fixed */
+  unsigned long long sequence;      /* odd while a frame is being written */
+  unsigned long long frame_number;  /* frames written since the stream's rendering started */
+  char stream_id[48];               /* the stream the last frame belongs to */
+} ktsim_frame;
+
+/* Copies the frame's pixels (height rows of width * bytes_per_pixel bytes, rows packed) into
+ * `pixels` and its description into `info` (either may be NULL), consistently: no frame is
+ * written meanwhile. Returns the number of pixel bytes, or 0 (nothing copied) when `frame` is
+ * not a descriptor of the simulation or `size` is too small. */
+KTSIM_API size_t ktsim_frame_copy(const ktsim_frame* frame, void* pixels, size_t size,
+                                  ktsim_frame* info);
 
 #ifdef __cplusplus
 }

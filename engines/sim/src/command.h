@@ -1,0 +1,36 @@
+// The engines' reading of the one-line command documents they receive, and the escaping of the
+// texts they put into their own event documents.
+#ifndef KTSIM_COMMAND_H
+#define KTSIM_COMMAND_H
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ktsim {
+
+// One element of a command document. Plain value.
+struct Node {
+  std::string name;
+  std::vector<std::pair<std::string, std::string>> attributes;
+  std::string text;  // character data directly inside the element, entities decoded
+  std::vector<std::unique_ptr<Node>> children;
+
+  // First direct child of that name, or nullptr.
+  const Node* Child(const std::string& child) const;
+  // Value of the attribute, or nullptr when absent.
+  const std::string* Attribute(const std::string& attribute) const;
+};
+
+// Reads a document made of one element (the engines accept nothing else). Comments, processing
+// instructions and declarations are refused: the product never sends them. Nesting is bounded, so
+// hostile input cannot exhaust the stack or the heap. Returns nullptr with a reason in `error`.
+std::unique_ptr<Node> ParseCommand(const std::string& text, std::string* error);
+
+// `text` with & < > " escaped, for element texts and attribute values of event documents.
+std::string Escape(const std::string& text);
+
+}  // namespace ktsim
+
+#endif  // KTSIM_COMMAND_H
