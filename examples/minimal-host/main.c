@@ -1,5 +1,7 @@
 /* A minimal host: joins a meeting through the installed library and its engines, reports who is
  * there, and leaves. With the simulated engines the meeting runs on this machine alone. */
+#define _POSIX_C_SOURCE 200809L
+
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
