@@ -166,6 +166,12 @@ class KT_EXPORT XMLElement {
   // holding c, every value empty.
   static XMLElement CreateElementAtPath(std::string path);
 
+  // Removes from both trees what they have in common, leaving in each what differs from the other
+  // (see the comparison functions below): attributes other than "id" with an equal value in the
+  // counterpart, and matched children with equal trimmed values that are then empty (no children,
+  // and no attribute but "id").
+  static void Diff(XMLElement& a, XMLElement& b);
+
   // Compact text: "<name attr=""v"">encoded value, children's compact text</name>", no white
   // space added, no empty-element form, the type ignored.
   operator std::string() const;
@@ -243,6 +249,36 @@ KT_EXPORT std::ostream& operator<<(std::ostream& os, const XMLFile& f);
 // document read to its end into a nameless container leaves it failed, so callers look for the
 // elements they need rather than rely on the result). `data` may be null when `length` is 0.
 KT_EXPORT bool ParseXMLBuffer(const char* data, std::size_t length, XMLElement& element);
+
+// Comparison and merge of two versions of a document. An element's identity is its name and the
+// value of its attribute "id" (found ignoring case; empty when absent); two elements correspond
+// when both are equal byte for byte. Values are compared after TrimWhiteSpace. None of these
+// functions removes an attribute named exactly "id". `changed` is only ever set to true, never
+// reset: clear it first. All of them walk the trees with explicit stacks.
+//
+// Sets `name` to e's name and `id` to its "id" attribute's value, or to "" when there is none.
+KT_EXPORT void GetElementNameAndId(const XMLElement& e, std::string& name, std::string& id);
+// The first child of `parent` with the same name and id as `probe`; null if none.
+KT_EXPORT XMLElement* FindElementByNameAndId(XMLElement& parent, const XMLElement& probe);
+// Merges `src` into `dst`: name and untrimmed value when they differ (by name or trimmed value),
+// attribute values, and children, matched by name and id, recursively; an unmatched child is
+// appended as a deep copy.
+KT_EXPORT void AddElements(const XMLElement& src, XMLElement& dst, bool& changed);
+// Removes from `dst` what `src` names: the attributes of src's attribute names (but "id"), and
+// each matched child that src gives as a leaf carrying only its identity and an equal trimmed
+// value; other matched children act recursively on their counterparts.
+KT_EXPORT void RemoveElements(const XMLElement& src, XMLElement& dst, bool& changed);
+// Destroys every child of `e` (null is ignored); its attributes stay.
+KT_EXPORT void RemoveElements(XMLElement* e);
+// Strips from `target` what is unchanged relative to `ref`: children of corresponding elements
+// with the same name, id and number of children, and attributes (but "id") equal in `ref`. Every
+// descendant of `ref` must have a counterpart in `target`; a missing one ends the process with the
+// assertion "a_element != NULL". A null `ref` does nothing.
+KT_EXPORT void CompressElements(XMLElement& target, XMLElement* ref);
+// Searches `tree` for the chain of first children of `pattern`, matching values (operator==).
+// Returns `tree` itself when `pattern` has no children, the element whose child matched the end
+// of the chain, or null. Null arguments give null.
+KT_EXPORT XMLElement* SearchElements(XMLElement* tree, XMLElement* pattern);
 
 // Matching predicates: the name equals `name` ignoring ASCII case.
 KT_EXPORT bool ElementNameEqual(XMLElement* e, std::string name);

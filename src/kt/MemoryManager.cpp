@@ -1,5 +1,6 @@
 #include "kt/MemoryManager.h"
 
+#include <pthread.h>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -42,6 +43,98 @@ bool IsLiveBlock(const void* p) {
   return r->magic == MemoryManager::kMagic && r->data == p;
 }
 
+// Released blocks of small sizes wait in a per-thread cache for the next allocation of their size
+// class on that thread, which then costs no trip to the system heap. Each size class keeps a few
+// blocks at most; the rest go back to the heap at once, and a thread's cache is emptied when the
+// thread ends. Sanitizer builds skip the cache, so that the address sanitizer sees every block
+// returned and catches any use after release.
+#if defined(__SANITIZE_ADDRESS__)
+#define KT_BLOCK_CACHE 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer)
+#define KT_BLOCK_CACHE 0
+#endif
+#endif
+#ifndef KT_BLOCK_CACHE
+#define KT_BLOCK_CACHE 1
+#endif
+
+#if KT_BLOCK_CACHE
+
+constexpr std::size_t kGranule = 16;        // user sizes are rounded up to this for reuse
+constexpr std::size_t kCachedClasses = 17;  // user sizes up to 256 bytes
+constexpr unsigned kBlocksPerClass = 16;
+
+inline std::size_t SizeClass(std::size_t size) { return (size + kGranule - 1) / kGranule; }
+
+struct BlockCache {
+  void* blocks[kCachedClasses][kBlocksPerClass];
+  unsigned count[kCachedClasses];
+};
+
+// The calling thread's cache: null before its first use, kRetired once the thread's cache has
+// been emptied at its end (a release after that goes straight to the heap). Initial-exec TLS keeps
+// the access to one instruction; the pointer is all the static TLS this needs.
+BlockCache* const kRetired = reinterpret_cast<BlockCache*>(1);
+__thread BlockCache* tls_cache __attribute__((tls_model("initial-exec"))) = nullptr;
+
+void RetireCache(void* cache) {
+  auto* c = static_cast<BlockCache*>(cache);
+  for (std::size_t k = 0; k < kCachedClasses; ++k) {
+    for (unsigned i = 0; i < c->count[k]; ++i) std::free(c->blocks[k][i]);
+  }
+  std::free(c);
+  tls_cache = kRetired;
+}
+
+pthread_key_t CacheKey() {
+  static const pthread_key_t key = [] {
+    pthread_key_t k;
+    pthread_key_create(&k, RetireCache);
+    return k;
+  }();
+  return key;
+}
+
+BlockCache* ThreadCache() {
+  BlockCache* c = tls_cache;
+  if (c != nullptr) return c == kRetired ? nullptr : c;
+  c = static_cast<BlockCache*>(std::calloc(1, sizeof(BlockCache)));
+  if (c == nullptr) return nullptr;
+  tls_cache = c;
+  pthread_setspecific(CacheKey(), c);
+  return c;
+}
+
+void* TakeBlock(std::size_t size) {
+  const std::size_t k = SizeClass(size);
+  if (k < kCachedClasses) {
+    BlockCache* c = ThreadCache();
+    if (c != nullptr && c->count[k] != 0) return c->blocks[k][--c->count[k]];
+    return std::malloc(sizeof(MemoryManager::Record) + k * kGranule);
+  }
+  return std::malloc(sizeof(MemoryManager::Record) + size);
+}
+
+void GiveBlock(void* block, std::size_t size) {
+  const std::size_t k = SizeClass(size);
+  if (k < kCachedClasses) {
+    BlockCache* c = ThreadCache();
+    if (c != nullptr && c->count[k] < kBlocksPerClass) {
+      c->blocks[k][c->count[k]++] = block;
+      return;
+    }
+  }
+  std::free(block);
+}
+
+#else
+
+void* TakeBlock(std::size_t size) { return std::malloc(sizeof(MemoryManager::Record) + size); }
+void GiveBlock(void* block, std::size_t /*size*/) { std::free(block); }
+
+#endif
+
 }  // namespace
 
 // Holds the manager's spin lock for a scope. The critical sections are a handful of pointer
@@ -77,7 +170,7 @@ MemoryManager* MemoryManager::Instance() {
 }
 
 void* MemoryManager::Allocate(std::size_t size, const char* file, int line) {
-  auto* r = static_cast<Record*>(std::malloc(sizeof(Record) + size));
+  auto* r = static_cast<Record*>(TakeBlock(size));
   if (r == nullptr) return nullptr;
   r->magic = kMagic;
   r->data = r + 1;
@@ -109,7 +202,7 @@ void MemoryManager::Free(void* p, const char* /*file*/, int /*line*/) {
     Erase(head, r);
     --count_;
   }
-  std::free(r);
+  GiveBlock(r, r->size);
 }
 
 void MemoryManager::Insert(Record*& head, Record* r) {

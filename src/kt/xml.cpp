@@ -35,28 +35,28 @@ void FreeAttribute(XMLAttribute* a) noexcept {
 
 bool NameEquals(const std::string& a, const std::string& b) { return StrCaseCmp(a, b) == 0; }
 
-// Destroys every element of `nodes` with all its descendants, then clears `nodes`. Grandchildren
-// are detached before their parent is destroyed, so no destructor ever recurses: the work list
-// holds what is left to do, however deep the tree.
+// Destroys every element of `nodes` with all its descendants, then clears `nodes`. Children are
+// detached before their parent is destroyed, so no destructor ever recurses: the work stack holds
+// what is left to do, however deep the tree.
 void DestroyElements(std::vector<XMLElement*>& nodes) noexcept {
-  std::vector<XMLElement*> pending;
+  xml_internal::SmallStack<XMLElement*, 64> pending;
   for (XMLElement* node : nodes) {
-    if (!node->children.empty()) {
-      pending.insert(pending.end(), node->children.begin(), node->children.end());
-      node->children.clear();
+    for (;;) {
+      if (node->children.empty()) {
+        FreeElement(node);
+        if (pending.Empty()) break;
+        node = pending.Top();
+        pending.Pop();
+        continue;
+      }
+      // Take the last child off and come back for the rest later.
+      pending.Push(node);
+      XMLElement* child = node->children.back();
+      node->children.pop_back();
+      node = child;
     }
-    FreeElement(node);
   }
   nodes.clear();
-  while (!pending.empty()) {
-    XMLElement* node = pending.back();
-    pending.pop_back();
-    if (!node->children.empty()) {
-      pending.insert(pending.end(), node->children.begin(), node->children.end());
-      node->children.clear();
-    }
-    FreeElement(node);
-  }
 }
 
 void DestroyAttributes(std::vector<XMLAttribute*>& attributes) noexcept {
@@ -99,14 +99,14 @@ namespace xml_internal {
 XMLElement* NewElement(XMLType type) { return KT_ELEMENT_CONSTRUCTOR(type); }
 
 XMLElement* AppendChild(XMLElement& parent, XMLType type) {
-  parent.children.reserve(parent.children.size() + 1);
+  xml_internal::ReserveOneMore(parent.children);
   XMLElement* child = KT_ELEMENT_CONSTRUCTOR(type);
   parent.children.push_back(child);
   return child;
 }
 
 void AppendAttribute(XMLElement& e, std::string name, std::string value) {
-  e.attributes.reserve(e.attributes.size() + 1);
+  xml_internal::ReserveOneMore(e.attributes);
   e.attributes.push_back(KT_ATTRIBUTE_CONSTRUCTOR(std::move(name), std::move(value)));
 }
 
@@ -253,14 +253,14 @@ XMLElement* XMLElement::AddElement(std::string name, std::string value, std::str
 }
 
 XMLElement* XMLElement::AddElement(const XMLElement& e) {
-  children.reserve(children.size() + 1);
+  xml_internal::ReserveOneMore(children);
   XMLElement* copy = KT_ELEMENT_CONSTRUCTOR(e);
   children.push_back(copy);
   return copy;
 }
 
 XMLAttribute* XMLElement::AddAttribute(std::string name, std::string value) {
-  attributes.reserve(attributes.size() + 1);
+  xml_internal::ReserveOneMore(attributes);
   XMLAttribute* added = KT_ATTRIBUTE_CONSTRUCTOR(std::move(name), std::move(value));
   RemoveAttribute(added->name);
   attributes.push_back(added);
@@ -268,7 +268,7 @@ XMLAttribute* XMLElement::AddAttribute(std::string name, std::string value) {
 }
 
 XMLAttribute* XMLElement::AddAttribute(const XMLAttribute& a) {
-  attributes.reserve(attributes.size() + 1);
+  xml_internal::ReserveOneMore(attributes);
   XMLAttribute* added = KT_ATTRIBUTE_CONSTRUCTOR(a);
   // `a` may be one of this element's attributes and may be destroyed here: only `added` is used
   // after this call.

@@ -128,6 +128,34 @@ class BufferSource {
     p_ = end_;
   }
 
+  // The usual end tag: when the input holds exactly `name` and ">", takes them (`last` becomes
+  // ">") and returns true. Reading them one by one would collect the same name: none of its
+  // characters is skipped as white space or ends the collection. Otherwise takes nothing.
+  bool TakeEndTag(const std::string& name, char& last) {
+    const std::size_t n = name.size();
+    if (state_ != kGood || static_cast<std::size_t>(end_ - p_) <= n || p_[n] != '>' ||
+        std::memcmp(p_, name.data(), n) != 0) {
+      return false;
+    }
+    for (const char ch : name) {
+      if (!IsPrintOrSpace(ch) || IsSpace(ch) || ch == '>') return false;
+    }
+    p_ += n + 1;
+    last = '>';
+    return true;
+  }
+
+  // Appends `last` (the character just read) and the run after it that `keep` accepts, in one
+  // step; `last` becomes the run's last character.
+  template <typename Keep>
+  void AppendRun(std::string& out, char& last, Keep keep) {
+    const char* q = p_;
+    while (q != end_ && keep(*q)) ++q;
+    out.append(p_ - 1, q);
+    last = q[-1];
+    p_ = q;
+  }
+
   // Takes the characters that `keep` accepts up to the first one it refuses,
   // appending them to `out`; `last` becomes the last one taken.
   template <typename Keep>
@@ -219,6 +247,14 @@ class StreambufSource {
     if (taken == 0) state_ |= kFail;
   }
 
+  bool TakeEndTag(const std::string&, char&) { return false; }
+
+  template <typename Keep>
+  void AppendRun(std::string& out, char& last, Keep keep) {
+    out += last;
+    TakeWhile(out, last, keep);
+  }
+
   template <typename Keep>
   void TakeWhile(std::string& out, char& last, Keep keep) {
     int next;
@@ -282,6 +318,11 @@ class IstreamSource {
   int Peek() { return in_.peek(); }
   bool Formatted(char& c) { return static_cast<bool>(in_ >> c); }
   void GetLine(std::string& out, char delimiter) { std::getline(in_, out, delimiter); }
+  bool TakeEndTag(const std::string&, char&) { return false; }
+  template <typename Keep>
+  void AppendRun(std::string& out, char& last, Keep) {
+    out += last;
+  }
   template <typename Keep>
   void TakeWhile(std::string&, char&, Keep) {}
 
@@ -306,32 +347,6 @@ char DecodeEntity(const std::string& entity) {
   return '&';
 }
 
-// A small stack of open elements: no allocation for ordinary documents.
-class OpenElements {
- public:
-  explicit OpenElements(XMLElement* root) { Push(root); }
-  bool Empty() const { return size_ == 0; }
-  XMLElement* Top() const { return size_ <= kInline ? inline_[size_ - 1] : spill_.back(); }
-  void Push(XMLElement* e) {
-    if (size_ < kInline) {
-      inline_[size_] = e;
-    } else {
-      spill_.push_back(e);
-    }
-    ++size_;
-  }
-  void Pop() {
-    if (size_ > kInline) spill_.pop_back();
-    --size_;
-  }
-
- private:
-  static constexpr std::size_t kInline = 32;
-  XMLElement* inline_[kInline];
-  std::vector<XMLElement*> spill_;
-  std::size_t size_ = 0;
-};
-
 // What became of the element being read after one character.
 enum class Step {
   kContinue,  // read on
@@ -348,8 +363,7 @@ Step ReadStartTag(Source& in, XMLElement& e, char& c) {
     return ch != '/' && ch != '>' && IsPrintOrSpace(ch) && (textual || !IsSpaceOrCntrl(ch));
   };
   for (;;) {
-    e.name += c;
-    in.TakeWhile(e.name, c, nameChar);
+    in.AppendRun(e.name, c, nameChar);
     if (!in.Get(c) || !nameChar(c)) break;
   }
   if (!in.Good()) return Step::kLeave;
@@ -368,7 +382,9 @@ Step ReadStartTag(Source& in, XMLElement& e, char& c) {
   while (in.Good() && c != '>' && IsPrintOrSpace(c)) {
     std::string name;
     while (in.Good() && c != '=' && IsPrintOrSpace(c)) {
-      name += c;
+      // Characters that the formatted reads would take one by one come in one run.
+      in.AppendRun(name, c,
+                   [](char ch) { return ch != '=' && IsPrintOrSpace(ch) && !IsSpace(ch); });
       in.Formatted(c);
     }
     char delimiter = '\0';
@@ -392,7 +408,8 @@ Step ReadStartTag(Source& in, XMLElement& e, char& c) {
 
 template <typename Source>
 void Parse(Source& in, XMLElement& root) {
-  OpenElements open(&root);
+  xml_internal::SmallStack<XMLElement*, 32> open;
+  open.Push(&root);
   XMLElement* e = &root;
   char c = '\0';
   for (;;) {
@@ -403,11 +420,13 @@ void Parse(Source& in, XMLElement& root) {
       const int next = in.Peek();
       if (next == '/') {
         in.Formatted(c);
-        std::string endTag;
-        while (in.Formatted(c) && c != '>' && IsPrintOrSpace(c)) endTag += c;
-        if (endTag != e->name) {
-          ReportMismatch(endTag, e->name);
-          in.SetFail();
+        if (!in.TakeEndTag(e->name, c)) {
+          std::string endTag;
+          while (in.Formatted(c) && c != '>' && IsPrintOrSpace(c)) endTag += c;
+          if (endTag != e->name) {
+            ReportMismatch(endTag, e->name);
+            in.SetFail();
+          }
         }
         step = Step::kReturn;
       } else {
@@ -438,9 +457,10 @@ void Parse(Source& in, XMLElement& root) {
         c = DecodeEntity(entity);
         e->value += c;
       } else {
-        e->value += c;
         if (c != '\0') {
-          in.TakeWhile(e->value, c, [](char ch) { return ch != '<' && ch != '&' && ch != '\0'; });
+          in.AppendRun(e->value, c, [](char ch) { return ch != '<' && ch != '&' && ch != '\0'; });
+        } else {
+          e->value += c;
         }
       }
     }

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -216,6 +217,48 @@ TEST(MemoryManager, TwoThreadsAllocatingAndFreeingKeepTheAccounts) {
 
   for (void* p : keptA) m->Free(p, "", 0);
   for (void* p : keptB) m->Free(p, "", 0);
+  EXPECT_EQ(m->Count(), before);
+}
+
+TEST(MemoryManager, ReusedBlocksAreLargeEnoughForEverySizeOfTheirClass) {
+  MemoryManager* m = MemoryManager::Instance();
+  // Released blocks may be reused for the next request of a similar size; whichever block comes
+  // back must hold the header and the whole request.
+  for (std::size_t first : {0u, 1u, 17u, 100u, 250u}) {
+    for (std::size_t second = first; second < first + 20; ++second) {
+      void* a = m->Allocate(first, "reuse", 1);
+      m->Free(a, "", 0);
+      auto* b = static_cast<char*>(m->Allocate(second, "reuse", 2));
+      EXPECT_GE(malloc_usable_size(RecordOf(b)), sizeof(MemoryManager::Record) + second);
+      std::memset(b, 0x5a, second);
+      EXPECT_EQ(RecordOf(b)->size, second);
+      m->Free(b, "", 0);
+    }
+  }
+}
+
+// Releases a block while the thread ends, after the thread has used the manager.
+struct ReleasesAtThreadExit {
+  void* block = nullptr;
+  ~ReleasesAtThreadExit() {
+    MemoryManager::Instance()->Free(block, "", 0);
+    MemoryManager::Instance()->Free(MemoryManager::Instance()->Allocate(8, "exit", 2), "", 0);
+  }
+};
+
+TEST(MemoryManager, ThreadsMayAllocateAndReleaseUntilTheyEnd) {
+  MemoryManager* m = MemoryManager::Instance();
+  const std::size_t before = m->Count();
+  void* handedOver = nullptr;
+  std::thread worker([&handedOver, m] {
+    thread_local ReleasesAtThreadExit atExit;
+    atExit.block = m->Allocate(32, "exit", 1);
+    for (int i = 0; i < 100; ++i) m->Free(m->Allocate(static_cast<std::size_t>(i), "t", i), "", 0);
+    handedOver = m->Allocate(24, "handed", 3);
+  });
+  worker.join();
+  EXPECT_EQ(m->Count(), before + 1);
+  m->Free(handedOver, "", 0);  // released by another thread than the one that allocated it
   EXPECT_EQ(m->Count(), before);
 }
 
