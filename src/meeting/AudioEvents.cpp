@@ -11,32 +11,22 @@ namespace Telmora {
 
 namespace {
 
-using Route = EventRoute<AudioEvents>;
-
-#define CONVOKE_ROUTE(name, handler) \
-  Route { name, sizeof(name) - 1, handler }
-
-const Route kAudioRoutes[] = {
-    CONVOKE_ROUTE("audio_site_changed", &AudioEvents::processAudioSiteChanged),
-    CONVOKE_ROUTE("audio_stream_removed", &AudioEvents::processAudioStreamRemoved),
-    CONVOKE_ROUTE("amplitude", &AudioEvents::processAmplitude),
-    CONVOKE_ROUTE("input_meter", &AudioEvents::processInputMeter),
-    CONVOKE_ROUTE("output_meter", &AudioEvents::processOutputMeter),
-    CONVOKE_ROUTE("audio_update_conditions", &AudioEvents::processAudioUpdateConditions),
-    CONVOKE_ROUTE("binary_playback_ended", &AudioEvents::processBinaryPlaybackEnded),
-    CONVOKE_ROUTE("binary_playback_failed", &AudioEvents::processBinaryPlaybackFailed),
+const EventRoute<AudioEvents> kAudioRoutes[] = {
+    CONVOKE_ROUTE(AudioEvents, "audio_site_changed", &AudioEvents::processAudioSiteChanged),
+    CONVOKE_ROUTE(AudioEvents, "audio_stream_removed", &AudioEvents::processAudioStreamRemoved),
+    CONVOKE_ROUTE(AudioEvents, "amplitude", &AudioEvents::processAmplitude),
+    CONVOKE_ROUTE(AudioEvents, "input_meter", &AudioEvents::processInputMeter),
+    CONVOKE_ROUTE(AudioEvents, "output_meter", &AudioEvents::processOutputMeter),
+    CONVOKE_ROUTE(AudioEvents, "audio_update_conditions",
+                  &AudioEvents::processAudioUpdateConditions),
+    CONVOKE_ROUTE(AudioEvents, "binary_playback_ended", &AudioEvents::processBinaryPlaybackEnded),
+    CONVOKE_ROUTE(AudioEvents, "binary_playback_failed", &AudioEvents::processBinaryPlaybackFailed),
 };
 
-#undef CONVOKE_ROUTE
-
 void routeAudio(kt::XMLElement* event, const std::string& name) {
-  for (const Route& route : kAudioRoutes) {
-    if (name.size() == route.length && name.compare(0, route.length, route.name) == 0) {
-      (AudioEvents::sharedInstance()->*route.handler)(event);
-      return;
-    }
+  if (!dispatchByName(kAudioRoutes, AudioEvents::sharedInstance(), event, name)) {
+    logLine("Convoke: audioCallback: unhandled event name: " + name);
   }
-  logLine("Convoke: audioCallback: unhandled event name: " + name);
 }
 
 }  // namespace

@@ -36,6 +36,21 @@ std::string attributeValue(const kt::XMLElement* element, const char* name, bool
   return attribute != nullptr ? attribute->value : std::string();
 }
 
+// The "inputs" element of the video state (inside "video"), or null after logging the member's
+// message for what is missing.
+kt::XMLElement* videoInputs(StateDocument& state, const char* member) {
+  kt::XMLElement* video = state.root().FindElementByName("video");
+  if (video == nullptr) {
+    logLine(std::string("Convoke: ") + member + ": Can't find video element in XML");
+    return nullptr;
+  }
+  kt::XMLElement* inputs = video->FindElementByName("inputs");
+  if (inputs == nullptr) {
+    logLine(std::string("Convoke: ") + member + ": Can't find inputs element in XML");
+  }
+  return inputs;
+}
+
 // The audio device lists share one walk: audio / <listName> / device, id, preferred.
 void listAudioDevices(const char* member, const char* listName, std::vector<std::string>& devices,
                       std::string& preferred) {
@@ -414,16 +429,8 @@ void Convoke::setDeviceOrientation(int orientation) { VideoSetDeviceOrientation(
 void Convoke::getVideoDevices(std::vector<std::string>& devices,
                               std::vector<std::string>& screens) {
   StateDocument state(VideoGetState());
-  kt::XMLElement* video = state.root().FindElementByName("video");
-  if (video == nullptr) {
-    logLine("Convoke: getVideoDevices: Can't find video element in XML");
-    return;
-  }
-  kt::XMLElement* inputs = video->FindElementByName("inputs");
-  if (inputs == nullptr) {
-    logLine("Convoke: getVideoDevices: Can't find inputs element in XML");
-    return;
-  }
+  kt::XMLElement* inputs = videoInputs(state, "getVideoDevices");
+  if (inputs == nullptr) return;
   std::vector<kt::XMLElement*> elements;
   inputs->FindElements("device", elements);
   for (kt::XMLElement* device : elements) {
@@ -450,16 +457,8 @@ void Convoke::getAudioOutputDevices(std::vector<std::string>& devices, std::stri
 void Convoke::getSupportedVideoSendResolutions(const std::string& deviceId,
                                                std::vector<std::string>& codecs) {
   StateDocument state(VideoGetState());
-  kt::XMLElement* video = state.root().FindElementByName("video");
-  if (video == nullptr) {
-    logLine("Convoke: getSupportedVideoSendResolutions: Can't find video element in XML");
-    return;
-  }
-  kt::XMLElement* inputs = video->FindElementByName("inputs");
-  if (inputs == nullptr) {
-    logLine("Convoke: getSupportedVideoSendResolutions: Can't find inputs element in XML");
-    return;
-  }
+  kt::XMLElement* inputs = videoInputs(state, "getSupportedVideoSendResolutions");
+  if (inputs == nullptr) return;
   std::vector<kt::XMLElement*> elements;
   inputs->FindElements("device", elements);
   kt::XMLElement* device = nullptr;

@@ -20,6 +20,24 @@ struct EventRoute {
   bool (Handlers::*handler)(kt::XMLElement*);
 };
 
+#define CONVOKE_ROUTE(Handlers, name, handler) \
+  ::Telmora::EventRoute<Handlers> { name, sizeof(name) - 1, handler }
+
+// Calls the handler of the first route whose name equals name exactly (length first, then the
+// bytes) on handlers. Returns false when no route matches; a route without a handler drops the
+// event.
+template <class Handlers, std::size_t N>
+bool dispatchByName(const EventRoute<Handlers> (&routes)[N], Handlers* handlers,
+                    kt::XMLElement* event, const std::string& name) {
+  for (const EventRoute<Handlers>& route : routes) {
+    if (name.size() == route.length && name.compare(0, route.length, route.name) == 0) {
+      if (route.handler != nullptr) (handlers->*route.handler)(event);
+      return true;
+    }
+  }
+  return false;
+}
+
 // Parses text and hands the "event" element with its name to route(event, name). The messages are
 // the engine's own: missingEvent when there is no event element, missingName when it has no name.
 // Every exception (a malformed number, an allocation failure) is caught here and logged with

@@ -12,31 +12,22 @@ namespace Telmora {
 
 namespace {
 
-using Route = EventRoute<VideoEvents>;
-
-#define CONVOKE_ROUTE(name, handler) \
-  Route { name, sizeof(name) - 1, handler }
-
-const Route kVideoRoutes[] = {
-    CONVOKE_ROUTE("video_site_changed", &VideoEvents::processVideoSiteChanged),
-    CONVOKE_ROUTE("video_stream_buffer_ready", &VideoEvents::processVideoStreamBufferReady),
-    CONVOKE_ROUTE("video_stream_size_changed", &VideoEvents::processVideoStreamSizeChanged),
-    CONVOKE_ROUTE("remote_layout_changed", &VideoEvents::processRemoteLayoutChanged),
-    CONVOKE_ROUTE("video_stream_removed", &VideoEvents::processVideoStreamRemoved),
+const EventRoute<VideoEvents> kVideoRoutes[] = {
+    CONVOKE_ROUTE(VideoEvents, "video_site_changed", &VideoEvents::processVideoSiteChanged),
+    CONVOKE_ROUTE(VideoEvents, "video_stream_buffer_ready",
+                  &VideoEvents::processVideoStreamBufferReady),
+    CONVOKE_ROUTE(VideoEvents, "video_stream_size_changed",
+                  &VideoEvents::processVideoStreamSizeChanged),
+    CONVOKE_ROUTE(VideoEvents, "remote_layout_changed", &VideoEvents::processRemoteLayoutChanged),
+    CONVOKE_ROUTE(VideoEvents, "video_stream_removed", &VideoEvents::processVideoStreamRemoved),
     // Recognised and dropped: condition updates of the video link are not reported.
-    CONVOKE_ROUTE("video_update_conditions", nullptr),
+    CONVOKE_ROUTE(VideoEvents, "video_update_conditions", nullptr),
 };
 
-#undef CONVOKE_ROUTE
-
 void routeVideo(kt::XMLElement* event, const std::string& name) {
-  for (const Route& route : kVideoRoutes) {
-    if (name.size() == route.length && name.compare(0, route.length, route.name) == 0) {
-      if (route.handler != nullptr) (VideoEvents::sharedInstance()->*route.handler)(event);
-      return;
-    }
+  if (!dispatchByName(kVideoRoutes, VideoEvents::sharedInstance(), event, name)) {
+    logLine("Convoke: videoCallback: unhandled event name: " + name);
   }
-  logLine("Convoke: videoCallback: unhandled event name: " + name);
 }
 
 }  // namespace
