@@ -5,8 +5,9 @@
 namespace convoke_test {
 
 Recorder& Recorder::instance() {
-  static Recorder recorder;
-  return recorder;
+  // Never destroyed: stopped frame timers may still be finishing their wait when the process exits.
+  static Recorder* const recorder = new Recorder();
+  return *recorder;
 }
 
 void Recorder::add(std::string line) {
