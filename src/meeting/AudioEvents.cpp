@@ -120,14 +120,15 @@ bool AudioEvents::processAmplitude(kt::XMLElement* event) {
     logLine("Convoke: processAmplitude: could not find amplitude element");
     return false;
   }
-  ParticipantSnapshot found = meeting->participants.snapshotByAudioStreamId(id->value);
+  ParticipantSnapshot found;
+  ParticipantSnapshot registered =
+      meeting->participants.registeredByAudioStreamId(id->value, found);
   if (!found) {
     logLine("Convoke: processAmplitude: could not find participant for this stream: " + id->value);
     return false;
   }
   MeetingDelegate* delegate = meeting->delegate.load();
   if (delegate == nullptr) return true;
-  ParticipantSnapshot registered = meeting->participants.snapshotByKey(found->uuid);
   if (!registered) {
     logLine("Convoke: processAmplitude:  Could not find real participant object for user UUID: " +
             found->uuid);

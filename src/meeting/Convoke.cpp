@@ -173,6 +173,19 @@ void Convoke::readEngineError(int (*engineGetLastError)(char*, int)) {
   }
 }
 
+bool Convoke::refuse(const char* message) {
+  setLastError(message);
+  return false;
+}
+
+bool Convoke::acceptDeviceVolume(const std::string& deviceId, unsigned char volume) {
+  // The device is checked before the volume; only device volumes are limited to 0-100.
+  if (deviceId.empty()) return refuse("Invalid device");
+  if (volume > 100) return refuse("Invalid volume value");
+  setLastError("Success");
+  return true;
+}
+
 bool Convoke::sendAudioCommand(const char* prefix, const std::string& command) {
   logLine(prefix + command);
   if (AudioSetRoot(command.c_str())) return true;
@@ -210,10 +223,7 @@ std::string deviceVolumeCommand(const char* direction, const std::string& device
 }  // namespace
 
 bool Convoke::enableAudioInput(const std::string& deviceId) {
-  if (deviceId.empty()) {
-    setLastError("Invalid device name");
-    return false;
-  }
+  if (deviceId.empty()) return refuse("Invalid device name");
   setLastError("Success");
   const std::string command =
       deviceCommand("input", deviceId,
@@ -224,10 +234,7 @@ bool Convoke::enableAudioInput(const std::string& deviceId) {
 }
 
 bool Convoke::disableAudioInput(const std::string& deviceId) {
-  if (deviceId.empty()) {
-    setLastError("Invalid device name");
-    return false;
-  }
+  if (deviceId.empty()) return refuse("Invalid device name");
   setLastError("Success");
   const std::string command = deviceCommand("input", deviceId, "<enable>false</enable>");
   if (!sendAudioCommand("Convoke: disableAudioInput: ", command)) return false;
@@ -236,10 +243,7 @@ bool Convoke::disableAudioInput(const std::string& deviceId) {
 }
 
 bool Convoke::enableAudioOutput(const std::string& deviceId) {
-  if (deviceId.empty()) {
-    setLastError("Invalid device name");
-    return false;
-  }
+  if (deviceId.empty()) return refuse("Invalid device name");
   setLastError("Success");
   const std::string command =
       deviceCommand("output", deviceId,
@@ -248,20 +252,14 @@ bool Convoke::enableAudioOutput(const std::string& deviceId) {
 }
 
 bool Convoke::disableAudioOutput(const std::string& deviceId) {
-  if (deviceId.empty()) {
-    setLastError("Invalid device name");
-    return false;
-  }
+  if (deviceId.empty()) return refuse("Invalid device name");
   setLastError("Success");
   const std::string command = deviceCommand("output", deviceId, "<enable>false</enable>");
   return sendAudioCommand("Convoke: disableAudioOutput: ", command);
 }
 
 bool Convoke::setAudioStreamVolume(const std::string& streamId, unsigned char volume) {
-  if (streamId.empty()) {
-    setLastError("Invalid stream ID");
-    return false;
-  }
+  if (streamId.empty()) return refuse("Invalid stream ID");
   setLastError("Success");
   const std::string command = "<audio><streams><stream id=\"" + streamId + "\"><volume>" +
                               std::to_string(volume) + "</volume></stream></streams></audio>";
@@ -269,30 +267,14 @@ bool Convoke::setAudioStreamVolume(const std::string& streamId, unsigned char vo
 }
 
 bool Convoke::setAudioInputVolume(const std::string& deviceId, unsigned char volume) {
-  if (deviceId.empty()) {
-    setLastError("Invalid device");
-    return false;
-  }
-  if (volume > 100) {
-    setLastError("Invalid volume value");
-    return false;
-  }
-  setLastError("Success");
+  if (!acceptDeviceVolume(deviceId, volume)) return false;
   const std::string command = deviceVolumeCommand("input", deviceId, volume);
   std::printf("setAudioInputVolume: %s\n", command.c_str());
   return sendAudioCommand("Convoke: setAudioInputVolume: ", command);
 }
 
 bool Convoke::setAudioOutputVolume(const std::string& deviceId, unsigned char volume) {
-  if (deviceId.empty()) {
-    setLastError("Invalid device");
-    return false;
-  }
-  if (volume > 100) {
-    setLastError("Invalid volume value");
-    return false;
-  }
-  setLastError("Success");
+  if (!acceptDeviceVolume(deviceId, volume)) return false;
   return sendAudioCommand("Convoke: setAudioOutputVolume: ",
                           deviceVolumeCommand("output", deviceId, volume));
 }
@@ -314,14 +296,8 @@ bool Convoke::stopSound(const char* data) {
 // ---- video commands --------------------------------------------------------------------------
 
 bool Convoke::enableVideoCapture(const std::string& deviceId, const std::string& mode) {
-  if (deviceId.empty()) {
-    setLastError("Invalid camera device");
-    return false;
-  }
-  if (mode.empty()) {
-    setLastError("Invalid camera mode");
-    return false;
-  }
+  if (deviceId.empty()) return refuse("Invalid camera device");
+  if (mode.empty()) return refuse("Invalid camera mode");
   setLastError("Success");
   const std::string command = "<video><devices><device id=\"" + deviceId +
                               "\"><enable>true</enable><site>" + getDisplayName() +
@@ -331,10 +307,7 @@ bool Convoke::enableVideoCapture(const std::string& deviceId, const std::string&
 }
 
 bool Convoke::disableVideoCapture(const std::string& deviceId) {
-  if (deviceId.empty()) {
-    setLastError("Invalid camera device");
-    return false;
-  }
+  if (deviceId.empty()) return refuse("Invalid camera device");
   setLastError("Success");
   const std::string command = "<video><devices><device id=\"" + deviceId +
                               "\"><enable>false</enable></device></devices></video>";
@@ -343,14 +316,8 @@ bool Convoke::disableVideoCapture(const std::string& deviceId) {
 
 bool Convoke::enableNetworkVideo(const std::string& url, const std::string& profile,
                                  const std::string& name) {
-  if (url.empty()) {
-    setLastError("Invalid URL");
-    return false;
-  }
-  if (profile.empty()) {
-    setLastError("Invalid camera mode");
-    return false;
-  }
+  if (url.empty()) return refuse("Invalid URL");
+  if (profile.empty()) return refuse("Invalid camera mode");
   setLastError("Success");
   const std::string command = "<video><local_url><name>" + name + "</name><url>" + url +
                               "</url><command>playback_start</command><profile>" + profile +
@@ -359,10 +326,7 @@ bool Convoke::enableNetworkVideo(const std::string& url, const std::string& prof
 }
 
 bool Convoke::disableNetworkVideo(const std::string& url) {
-  if (url.empty()) {
-    setLastError("Invalid URL");
-    return false;
-  }
+  if (url.empty()) return refuse("Invalid URL");
   setLastError("Success");
   const std::string command = "<video><local_url><url>" + url +
                               "</url><command>playback_stop</command></local_url></video>";
@@ -376,10 +340,7 @@ bool Convoke::enableVideoStream(const std::string& streamId) {
 bool Convoke::enableVideoStream(const std::string& streamId, const std::string& colorspace) {
   VideoEvents::sharedInstance()->stopTaskForStreamId(streamId);
   VideoInfo info;
-  if (!findVideoInfo(streamId, info)) {
-    setLastError("Can't find VideoInfo for streamId");
-    return false;
-  }
+  if (!findVideoInfo(streamId, info)) return refuse("Can't find VideoInfo for streamId");
   const std::string command =
       "<video><streams><stream id=\"" + streamId + "\"><render><colorspace>" + colorspace +
       "</colorspace><shmid>0</shmid><local>false</local><enable>true</enable><window><x>0</x><y>0</"
@@ -393,10 +354,7 @@ bool Convoke::enableVideoStream(const std::string& streamId, const std::string& 
 }
 
 bool Convoke::disableVideoStream(const std::string& streamId) {
-  if (streamId.empty()) {
-    setLastError("Invalid streamId");
-    return false;
-  }
+  if (streamId.empty()) return refuse("Invalid streamId");
   setLastError("Success");
   VideoEvents::sharedInstance()->stopTaskForStreamId(streamId);
   const std::string command = "<video><streams><stream id=\"" + streamId +

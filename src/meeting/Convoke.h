@@ -103,6 +103,10 @@ class Convoke {
   Convoke();
 
   void setLastError(const std::string& text);
+  // A validation failure: message becomes the last error and the command is not sent.
+  bool refuse(const char* message);
+  // Validates a device volume command and, when it passes, records "Success".
+  bool acceptDeviceVolume(const std::string& deviceId, unsigned char volume);
   // Logs prefix + command, sends it with AudioSetRoot / VideoSetRoot and, when the engine refuses,
   // takes its error text (or "Unknown error") into lastError. Returns the engine's acceptance.
   bool sendAudioCommand(const char* prefix, const std::string& command);

@@ -179,6 +179,13 @@ ParticipantSnapshot Registry::snapshotByVideoStreamId(const std::string& streamI
   return snapshotLocked(firstKey(videoIndex_, streamId));
 }
 
+ParticipantSnapshot Registry::registeredByAudioStreamId(const std::string& streamId,
+                                                        ParticipantSnapshot& found) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  found = snapshotLocked(firstKey(audioIndex_, streamId));
+  return found ? snapshotLocked(&found->uuid) : nullptr;
+}
+
 std::size_t Registry::size() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return participants_.size();

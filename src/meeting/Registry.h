@@ -89,6 +89,11 @@ class Registry {
   ParticipantSnapshot snapshotByAudioStreamId(const std::string& streamId) const;
   ParticipantSnapshot snapshotByVideoStreamId(const std::string& streamId) const;
 
+  // The first participant holding an audio stream (found, null on a miss) and, under the same lock,
+  // the participant registered under found's UUID (the result, null when there is none).
+  ParticipantSnapshot registeredByAudioStreamId(const std::string& streamId,
+                                                ParticipantSnapshot& found) const;
+
   std::size_t size() const;
   // Erases every participant, first to last.
   void clear();
