@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "kt/xml_internal.h"
+#include "xmlPrivate.h"
 
 namespace kt {
 

@@ -29,7 +29,7 @@
 #include <vector>
 
 #include "kt/xml.h"
-#include "kt/xml_internal.h"
+#include "xmlPrivate.h"
 
 namespace kt {
 

@@ -1,8 +1,8 @@
-// Allocation helpers shared by the XML sources. Every XML node and attribute is allocated in
+// Internals shared by the XML sources; not installed. Every XML node and attribute is allocated in
 // xml.cpp with the source tag "xml" and the line of the allocating statement; the parser and the
-// file loader go through these helpers so that the tags stay unique.
-#ifndef KT_XML_INTERNAL_H
-#define KT_XML_INTERNAL_H
+// file loader go through the helpers below so that the tags stay unique.
+#ifndef KT_XML_PRIVATE_H
+#define KT_XML_PRIVATE_H
 
 #include <cstddef>
 #include <string>
@@ -62,4 +62,4 @@ void DeleteElement(XMLElement* e) noexcept;
 }  // namespace xml_internal
 }  // namespace kt
 
-#endif  // KT_XML_INTERNAL_H
+#endif  // KT_XML_PRIVATE_H
