@@ -127,7 +127,7 @@ class KT_EXPORT Socket {
     uint32_t length_;
   };
 
-  // One candidate of a name lookup.
+  // One candidate of a name lookup. Thread safety: a plain value.
   struct KT_EXPORT AddressInfo {
     int flags = 0;
     int family = 0;
@@ -199,17 +199,17 @@ class KT_EXPORT Socket {
   // 4 error or hang-up; 0 on error or timeout (errno ETIMEDOUT), or when the socket is closed.
   virtual int Select(bool read, bool write, bool except, int timeout) const;
 
-  // String-addressed operations. A spec reads "family#type$host:service" with every part but
-  // the service optional (see GetParameterInfo). Each resolved candidate is tried in turn; when
-  // the socket is closed at the start it is opened for each candidate and closed again after a
+  // String-addressed operations. An endpoint string reads "family#type$host:service" with every
+  // part but the service optional (see GetParameterInfo). Each resolved candidate is tried in turn;
+  // when the socket is closed at the start it is opened for each candidate and closed again after a
   // failure. On failure errno holds the last candidate's error. A connect that is under way on
   // a non-blocking socket returns false at once with errno EINPROGRESS or EAGAIN.
   virtual bool Bind(std::string host, std::string service, int type, bool reuse);
-  virtual bool Bind(std::string spec, int type = 0, bool reuse = false);
+  virtual bool Bind(std::string endpoint, int type = 0, bool reuse = false);
   virtual bool Connect(std::string host, std::string service, int type);
-  virtual bool Connect(std::string spec, int type = 0);
+  virtual bool Connect(std::string endpoint, int type = 0);
   virtual bool Listen(std::string host, std::string service, int backlog, bool reuse);
-  virtual bool Listen(std::string spec, int backlog = SOMAXCONN, bool reuse = false);
+  virtual bool Listen(std::string endpoint, int backlog = SOMAXCONN, bool reuse = false);
 
   // The local or peer address as texts (GetNameInfo); numeric asks for no name lookups.
   // A local-domain address reads as host "/local" and the path as service.
@@ -287,30 +287,30 @@ class KT_EXPORT Socket {
   static error_t FromOSError(int error);
   static int ToOSError(error_t e);
 
-  // Splits a specification string "family#type$host:service(options)" into its parts.
+  // Splits an endpoint string "family#type$host:service(options)" into its parts.
   // Every part but the service is optional; "[...]" quotes a part that holds special characters
   // (an IPv6 literal host). Family keywords: * UNSPEC IP IPV4 INET IPV6 INET6 LOCAL UNIX and their
-  // AF_/PF_ forms; type keywords: * STREAM DGRAM TCP UDP and their SOCK_ forms (any case). A
-  // spec without ":" is the service when it names a port or is "*", else the host. A missing host
-  // is "localhost"; a "/local" or "/unix" host makes the family AF_LOCAL. The options in
+  // AF_/PF_ forms; type keywords: * STREAM DGRAM TCP UDP and their SOCK_ forms (any case). An
+  // endpoint without ":" is the service when it names a port or is "*", else the host. A missing
+  // host is "localhost"; a "/local" or "/unix" host makes the family AF_LOCAL. The options in
   // parentheses are "key=value" pairs separated by ","; a key without "=" gets an empty value.
   // False with errno EINVAL on an unknown keyword, an unclosed "[", or a text after "(...)".
   // Outputs are reset first: host and service empty, family and type 0, options empty.
-  static bool GetParameterInfo(std::string spec, std::string& host, std::string& service,
+  static bool GetParameterInfo(std::string endpoint, std::string& host, std::string& service,
                                int& family, int& type, std::map<std::string, std::string>& options);
-  static bool GetParameterInfo(std::string spec, std::string& host, std::string& service,
+  static bool GetParameterInfo(std::string endpoint, std::string& host, std::string& service,
                                int& family, int& type);
-  static bool GetParameterInfo(std::string spec, std::string& host, std::string& service);
+  static bool GetParameterInfo(std::string endpoint, std::string& host, std::string& service);
   // The port forms convert the service with GetServiceByName (protocol "tcp" or "udp" when the
-  // spec names a type).
-  static bool GetParameterInfo(std::string spec, std::string& host, unsigned short& port,
+  // endpoint names a type).
+  static bool GetParameterInfo(std::string endpoint, std::string& host, unsigned short& port,
                                int& family, int& type);
-  static bool GetParameterInfo(std::string spec, std::string& host, unsigned short& port);
+  static bool GetParameterInfo(std::string endpoint, std::string& host, unsigned short& port);
 
  protected:
   // Shared loop of the string-addressed bind, listen and connect.
   enum class Step { kBind, kListen, kConnect };
-  bool ForEachCandidate(const std::string& spec, int type, Step step, bool reuse, int backlog);
+  bool ForEachCandidate(const std::string& endpoint, int type, Step step, bool reuse, int backlog);
 
   int handle_;
   int family_;
@@ -321,9 +321,10 @@ class KT_EXPORT Socket {
 };
 
 // An IPv4 socket (the same object; IPv4Socket::Address is the typed address).
+// Thread safety: as Socket; one thread at a time per object.
 class KT_EXPORT IPv4Socket : public Socket {
  public:
-  // An sockaddr_in view of Socket::Address.
+  // An sockaddr_in view of Socket::Address. Thread safety: as Socket::Address.
   class KT_EXPORT Address : public Socket::Address {
    public:
     // All zero, length 16, family AF_INET.
@@ -350,9 +351,10 @@ class KT_EXPORT IPv4Socket : public Socket {
 };
 
 // An IPv6 socket (the same object; IPv6Socket::Address is the typed address).
+// Thread safety: as Socket; one thread at a time per object.
 class KT_EXPORT IPv6Socket : public Socket {
  public:
-  // An sockaddr_in6 view of Socket::Address.
+  // An sockaddr_in6 view of Socket::Address. Thread safety: as Socket::Address.
   class KT_EXPORT Address : public Socket::Address {
    public:
     // All zero, family AF_INET6, length 16 (not the 28 bytes of the whole structure: set the

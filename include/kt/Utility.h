@@ -159,12 +159,12 @@ KT_EXPORT std::string GetDefaultDatabaseUrl();
 // while it runs: never call it where other work shares the machine.
 KT_EXPORT uint32_t TestForAvailableMemory();
 
-// Local bridge connectors: local-domain socket specifications under "/tmp/".
+// Local bridge connectors: endpoint strings of local-domain sockets under "/tmp/".
 
 // "/tmp/" + name.
 KT_EXPORT std::string GetBridgeConnectorFile(std::string const& name);
 
-// "/local:" + GetBridgeConnectorFile(name): a specification that Socket::Listen and
+// "/local:" + GetBridgeConnectorFile(name): an endpoint string that Socket::Listen and
 // Socket::Connect accept.
 KT_EXPORT std::string GetBridgeConnector(std::string const& name);
 

@@ -253,34 +253,34 @@ bool Socket::Bind(std::string host, std::string service, int type, bool reuse) {
   return Bind(host + ":" + service, type, reuse);
 }
 
-bool Socket::Bind(std::string spec, int type, bool reuse) {
-  return ForEachCandidate(spec, type, Step::kBind, reuse, 0);
+bool Socket::Bind(std::string endpoint, int type, bool reuse) {
+  return ForEachCandidate(endpoint, type, Step::kBind, reuse, 0);
 }
 
 bool Socket::Connect(std::string host, std::string service, int type) {
   return Connect(host + ":" + service, type);
 }
 
-bool Socket::Connect(std::string spec, int type) {
-  return ForEachCandidate(spec, type, Step::kConnect, false, 0);
+bool Socket::Connect(std::string endpoint, int type) {
+  return ForEachCandidate(endpoint, type, Step::kConnect, false, 0);
 }
 
 bool Socket::Listen(std::string host, std::string service, int backlog, bool reuse) {
   return Listen(host + ":" + service, backlog, reuse);
 }
 
-bool Socket::Listen(std::string spec, int backlog, bool reuse) {
-  return ForEachCandidate(spec, 0, Step::kListen, reuse, backlog);
+bool Socket::Listen(std::string endpoint, int backlog, bool reuse) {
+  return ForEachCandidate(endpoint, 0, Step::kListen, reuse, backlog);
 }
 
-bool Socket::ForEachCandidate(const std::string& spec, int type, Step step, bool reuse,
+bool Socket::ForEachCandidate(const std::string& endpoint, int type, Step step, bool reuse,
                               int backlog) {
   std::string host;
   std::string service;
   int parsedFamily = 0;
   int parsedType = 0;
   std::map<std::string, std::string> options;
-  if (!GetParameterInfo(spec, host, service, parsedFamily, parsedType, options)) return false;
+  if (!GetParameterInfo(endpoint, host, service, parsedFamily, parsedType, options)) return false;
   const int useType = parsedType != 0 ? parsedType : (type != 0 ? type : type_);
   const int useFamily = parsedFamily != 0 ? parsedFamily : family_;
 

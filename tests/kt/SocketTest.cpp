@@ -174,15 +174,15 @@ TEST(Socket, FailedConnectReportsTheLastError) {
 
 TEST(Socket, LocalDomainSocketsRemoveTheirPathOnClose) {
   const std::string path = "/tmp/kt-socket-test-" + std::to_string(getpid());
-  const std::string spec = "/local:" + path;
+  const std::string endpoint = "/local:" + path;
   Socket listener;
-  ASSERT_TRUE(listener.Listen(spec, 4, true)) << strerror(errno);
+  ASSERT_TRUE(listener.Listen(endpoint, 4, true)) << strerror(errno);
   EXPECT_EQ(listener.Family(), AF_LOCAL);
   EXPECT_TRUE(PathExists(path));
   EXPECT_EQ(listener.GetSockString(false), "/local " + path);
 
   Socket client;
-  ASSERT_TRUE(client.Connect(spec));
+  ASSERT_TRUE(client.Connect(endpoint));
   Socket server;
   ASSERT_TRUE(listener.Accept(server));
   EXPECT_EQ(client.Send("x", 1), 1);
@@ -195,7 +195,7 @@ TEST(Socket, LocalDomainSocketsRemoveTheirPathOnClose) {
   EXPECT_TRUE(PathExists(path));
   // A second bind to a path in use fails.
   Socket second;
-  EXPECT_FALSE(second.Listen(spec, 4, true));
+  EXPECT_FALSE(second.Listen(endpoint, 4, true));
   EXPECT_TRUE(PathExists(path));
 
   EXPECT_TRUE(listener.Close());
