@@ -11,11 +11,17 @@
 
 namespace {
 
+// The tracked memory manager's Free takes a source tag and line. Owned callbacks are released
+// with a fixed tag and one fixed line per releasing operation: labels that name the operation,
+// not lines of this file, so they do not move when this file changes.
+constexpr char kCallbackSourceTag[] = "Event";
+constexpr int kRefusedRegistrationLine = 1224;  // RegisterEvent refused the event
+constexpr int kUnregistrationLine = 1249;       // UnregisterEvent
+
 // Destroys a callback the dispatcher owns and returns its memory to the tracked memory manager.
-// The tags name the release for the manager's records.
 void ReleaseCallback(Callback* callback, int line) {
   callback->~Callback();
-  kt::MemoryManager::Instance()->Free(callback, "Event", line);
+  kt::MemoryManager::Instance()->Free(callback, kCallbackSourceTag, line);
 }
 
 // A timeout for poll(): Infinite waits without limit; other values beyond poll's range are cut
@@ -57,7 +63,7 @@ Dispatch::~Dispatch() {
 
 bool Dispatch::RegisterEvent(Event* event, Callback* callback, bool own) {
   if (event == nullptr || registered_.count(event) != 0 || event->dispatch_ != nullptr) {
-    if (own && callback != nullptr) ReleaseCallback(callback, 1224);
+    if (own && callback != nullptr) ReleaseCallback(callback, kRefusedRegistrationLine);
     return false;
   }
   registered_.insert(event);
@@ -76,7 +82,7 @@ bool Dispatch::UnregisterEvent(Event* event) {
   const bool own = event->ownCallback_;
   event->callback_ = nullptr;
   event->ownCallback_ = false;
-  if (callback != nullptr && own) ReleaseCallback(callback, 1249);
+  if (callback != nullptr && own) ReleaseCallback(callback, kUnregistrationLine);
   return true;
 }
 
