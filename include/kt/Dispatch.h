@@ -35,12 +35,16 @@
 // own = true) is destroyed through its virtual destructor and released with
 // kt::MemoryManager::Free, so it must have been allocated with kt::MemoryManager::Allocate
 // (kt::NewCallback below does both steps).
+//
+// Thread safety: OnEvent runs on the thread that calls Dispatch::Wait, one call at a time.
 class KT_EXPORT Callback {
  public:
   virtual void OnEvent(Dispatch* dispatcher, Event* event) = 0;
   virtual ~Callback();
 };
 
+// The reactor described at the top of this file: registered events, the structures that schedule
+// them, and the wait loop. Thread safety: none; one thread drives a dispatcher and its events.
 class KT_EXPORT Dispatch {
  public:
   // The process-wide dispatcher, built when the library is loaded.

@@ -25,6 +25,7 @@ class Dispatch;
 
 // The abstract event. A new event is unregistered: no dispatcher, no callback. Registration with a
 // Dispatch sets both; destroying a registered event unregisters it.
+// Thread safety: none; an event belongs to one thread (see above for AsyncEvent::Signal).
 class KT_EXPORT Event {
  public:
   // "Never" or "no limit", wherever a time is expected or returned.
@@ -99,6 +100,8 @@ class KT_EXPORT Event {
 };
 
 // An event signalled and reset by the user with Signal(). It stays signalled until Signal(false).
+// Thread safety: Signal may be called from another thread only while the event is unregistered
+// (to wake Event::Wait); everything else belongs to one thread.
 class KT_EXPORT AsyncEvent : public Event {
  public:
   // Stored for the user; the library never acts on it.
@@ -126,7 +129,7 @@ class KT_EXPORT AsyncEvent : public Event {
 
 // An event due a fixed interval after it was created or last reset; it stays due until Reset().
 // A periodic Reset schedules the next due point one interval after the previous one, so periodic
-// timers do not drift.
+// timers do not drift. Thread safety: none; one thread.
 class KT_EXPORT TimerEvent : public Event {
  public:
   // interval: ms until due; 0 is due at once, Infinite never.
@@ -156,6 +159,7 @@ class KT_EXPORT TimerEvent : public Event {
 };
 
 // An event woken by one descriptor. A handle of NullHandle (-1) never polls true.
+// Thread safety: none; one thread. The same holds for the three kinds below.
 class KT_EXPORT SocketEvent : public Event {
  public:
   static constexpr int NullHandle = -1;

@@ -15,6 +15,7 @@
 
 // A stopwatch in milliseconds that can be paused and resumed. Elapsed times are returned truncated
 // to unsigned 32 bits; the time spent stopped does not count once the timer is started again.
+// Thread safety: an object is not synchronised (one thread); the static readings are safe anywhere.
 class KT_EXPORT Timer {
  public:
   // Microseconds since 1970.
@@ -55,6 +56,7 @@ class KT_EXPORT Timer {
 };
 
 // Counts increments and turns them into a smoothed rate per second.
+// Thread safety: not synchronised; one thread per object.
 //
 // Update() measures the interval since the previous update and blends the instantaneous rate into
 // the smoothed one: an interval of at least one period replaces it, a shorter one contributes in

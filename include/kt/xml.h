@@ -40,6 +40,7 @@ class Constructor;
 
 // Builds T in a block from the tracked memory manager, tagged with a source file and line.
 // `manager` points at the variable that holds the manager; it must outlive the adaptor.
+// Thread safety: the adaptor only reads its own fields, so it is as thread-safe as the manager.
 template <typename T>
 class Constructor<MemoryManager*, T> {
  public:
@@ -78,6 +79,7 @@ class Constructor<MemoryManager*, T> {
 };
 
 // One attribute: its name as read or given, and its raw value (entities are never decoded).
+// Thread safety: a plain value, not synchronised.
 class KT_EXPORT XMLAttribute {
  public:
   XMLAttribute(std::string name = std::string(), std::string value = std::string());
@@ -90,6 +92,7 @@ class KT_EXPORT XMLAttribute {
 };
 
 // One node of a document. It owns its children and attributes (no parent pointer).
+// Thread safety: not synchronised; a tree is used by one thread at a time.
 class KT_EXPORT XMLElement {
  public:
   XMLElement(XMLType type = Element, const std::string& name = std::string(),
@@ -186,6 +189,7 @@ class KT_EXPORT XMLElement {
 };
 
 // A whole file read under a synthetic root named "__ROOT__". Not copyable.
+// Thread safety: not synchronised, like the tree it owns.
 class KT_EXPORT XMLFile {
  public:
   XMLFile();
@@ -206,6 +210,7 @@ class KT_EXPORT XMLFile {
 };
 
 // Indented printer: `depth` spaces before each tag, one more per level, a line per element.
+// Thread safety: none of its own; the stream and the tree must not change while it prints.
 struct KT_EXPORT PrintElement {
   explicit PrintElement(std::ostream& os, unsigned depth = 0) : os(os), depth(depth) {}
   void operator()(const XMLElement* e) const;
@@ -215,6 +220,7 @@ struct KT_EXPORT PrintElement {
 };
 
 // Writes ` name="value"` with the raw value.
+// Thread safety: none of its own; the stream and the attribute must not change while it prints.
 struct KT_EXPORT PrintAttribute {
   explicit PrintAttribute(std::ostream& os) : os(os) {}
   void operator()(const XMLAttribute* a) const;
