@@ -27,21 +27,21 @@
 #include <utility>
 #include <vector>
 
+#include "convoke/export.h"
 #include "kt/Event.h"
 #include "kt/MemoryManager.h"
-#include "kt/ktexport.h"
 
 // The user's handler for dispatched events. A callback the dispatcher owns (registered with
 // own = true) is destroyed through its virtual destructor and released with
 // kt::MemoryManager::Free, so it must have been allocated with kt::MemoryManager::Allocate
 // (kt::NewCallback below does both steps).
-class KT_EXPORT Callback {
+class CONVOKE_API Callback {
  public:
   virtual void OnEvent(Dispatch* dispatcher, Event* event) = 0;
   virtual ~Callback();
 };
 
-class KT_EXPORT Dispatch {
+class CONVOKE_API Dispatch {
  public:
   // The process-wide dispatcher, built when the library is loaded.
   static Dispatch* Instance();
@@ -110,11 +110,11 @@ class KT_EXPORT Dispatch {
 namespace kt {
 
 // The same-named operations of Dispatch::Instance().
-KT_EXPORT int Wait(int count, Event** exitEvents, Event** signalled, unsigned timeout);
-KT_EXPORT bool Wait(Event* event, unsigned timeout);
-KT_EXPORT int Wait(unsigned timeout);
+CONVOKE_API int Wait(int count, Event** exitEvents, Event** signalled, unsigned timeout);
+CONVOKE_API bool Wait(Event* event, unsigned timeout);
+CONVOKE_API int Wait(unsigned timeout);
 // Dispatch::Instance()->UnregisterEvent(event).
-KT_EXPORT bool ResetCallback(Event* event);
+CONVOKE_API bool ResetCallback(Event* event);
 
 // Builds a T (a Callback) in memory from kt::MemoryManager, ready to be registered with
 // own = true. Returns null when the allocation fails.

@@ -9,10 +9,10 @@
 #include <map>
 #include <string>
 
+#include "convoke/export.h"
 #include "kt/Event.h"
-#include "kt/ktexport.h"
 
-class KT_EXPORT ProcessEvent : public Event {
+class CONVOKE_API ProcessEvent : public Event {
  public:
   // Watches the child pid and makes instances_[pid] point to this event (replacing an earlier
   // entry for the same pid).

@@ -10,7 +10,7 @@
 #include <atomic>
 #include <string>
 
-#include "meeting/Export.h"
+#include "convoke/export.h"
 
 #include "meeting/MeetingDelegate.h"
 
@@ -29,7 +29,7 @@ extern std::atomic<void*> cmDelegateMethods[Telmora::kDelegateSlotCount];
 #endif
 #endif
 
-class CONVOKE_EXPORT CMeetingDelegate : public MeetingDelegate {
+class CONVOKE_API CMeetingDelegate : public MeetingDelegate {
  public:
   void participantAdded(const Telmora::Participant& participant) override;
   void participantRemoved(const Telmora::Participant& participant) override;

@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "meeting/Export.h"
+#include "convoke/export.h"
 
 #include "meeting/Participant.h"
 
@@ -18,7 +18,7 @@
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 #endif
 
-class CONVOKE_EXPORT MeetingDelegate {
+class CONVOKE_API MeetingDelegate {
  public:
   virtual void participantAdded(const Telmora::Participant& participant) = 0;         // 0
   virtual void participantRemoved(const Telmora::Participant& participant) = 0;       // 1
