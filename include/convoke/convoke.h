@@ -37,11 +37,7 @@
 
 #include <stdbool.h>
 
-#if defined(_WIN32)
-#define CONVOKE_API
-#else
-#define CONVOKE_API __attribute__((visibility("default")))
-#endif
+#include "export.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -29,7 +29,7 @@
 
 #include "kt/Event.h"
 #include "kt/MemoryManager.h"
-#include "kt/ktexport.h"
+#include "convoke/export.h"
 
 // The user's handler for dispatched events. A callback the dispatcher owns (registered with
 // own = true) is destroyed through its virtual destructor and released with
@@ -37,7 +37,7 @@
 // (kt::NewCallback below does both steps).
 //
 // Thread safety: OnEvent runs on the thread that calls Dispatch::Wait, one call at a time.
-class KT_EXPORT Callback {
+class CONVOKE_API Callback {
  public:
   virtual void OnEvent(Dispatch* dispatcher, Event* event) = 0;
   virtual ~Callback();
@@ -45,7 +45,7 @@ class KT_EXPORT Callback {
 
 // The reactor described at the top of this file: registered events, the structures that schedule
 // them, and the wait loop. Thread safety: none; one thread drives a dispatcher and its events.
-class KT_EXPORT Dispatch {
+class CONVOKE_API Dispatch {
  public:
   // The process-wide dispatcher, built when the library is loaded.
   static Dispatch* Instance();
@@ -114,11 +114,11 @@ class KT_EXPORT Dispatch {
 namespace kt {
 
 // The same-named operations of Dispatch::Instance().
-KT_EXPORT int Wait(int count, Event** exitEvents, Event** signalled, unsigned timeout);
-KT_EXPORT bool Wait(Event* event, unsigned timeout);
-KT_EXPORT int Wait(unsigned timeout);
+CONVOKE_API int Wait(int count, Event** exitEvents, Event** signalled, unsigned timeout);
+CONVOKE_API bool Wait(Event* event, unsigned timeout);
+CONVOKE_API int Wait(unsigned timeout);
 // Dispatch::Instance()->UnregisterEvent(event).
-KT_EXPORT bool ResetCallback(Event* event);
+CONVOKE_API bool ResetCallback(Event* event);
 
 // Builds a T (a Callback) in memory from kt::MemoryManager, ready to be registered with
 // own = true. Returns null when the allocation fails.

@@ -18,7 +18,7 @@
 #include <string>
 
 #include "kt/Timer.h"
-#include "kt/ktexport.h"
+#include "convoke/export.h"
 
 class Callback;
 class Dispatch;
@@ -26,7 +26,7 @@ class Dispatch;
 // The abstract event. A new event is unregistered: no dispatcher, no callback. Registration with a
 // Dispatch sets both; destroying a registered event unregisters it.
 // Thread safety: none; an event belongs to one thread (see above for AsyncEvent::Signal).
-class KT_EXPORT Event {
+class CONVOKE_API Event {
  public:
   // "Never" or "no limit", wherever a time is expected or returned.
   static constexpr unsigned Infinite = 4294967295u;
@@ -102,7 +102,7 @@ class KT_EXPORT Event {
 // An event signalled and reset by the user with Signal(). It stays signalled until Signal(false).
 // Thread safety: Signal may be called from another thread only while the event is unregistered
 // (to wake Event::Wait); everything else belongs to one thread.
-class KT_EXPORT AsyncEvent : public Event {
+class CONVOKE_API AsyncEvent : public Event {
  public:
   // Stored for the user; the library never acts on it.
   enum EventType { Default = 0 };
@@ -130,7 +130,7 @@ class KT_EXPORT AsyncEvent : public Event {
 // An event due a fixed interval after it was created or last reset; it stays due until Reset().
 // A periodic Reset schedules the next due point one interval after the previous one, so periodic
 // timers do not drift. Thread safety: none; one thread.
-class KT_EXPORT TimerEvent : public Event {
+class CONVOKE_API TimerEvent : public Event {
  public:
   // interval: ms until due; 0 is due at once, Infinite never.
   explicit TimerEvent(unsigned interval);
@@ -160,7 +160,7 @@ class KT_EXPORT TimerEvent : public Event {
 
 // An event woken by one descriptor. A handle of NullHandle (-1) never polls true.
 // Thread safety: none; one thread. The same holds for the three kinds below.
-class KT_EXPORT SocketEvent : public Event {
+class CONVOKE_API SocketEvent : public Event {
  public:
   static constexpr int NullHandle = -1;
 
@@ -174,7 +174,7 @@ class KT_EXPORT SocketEvent : public Event {
 };
 
 // Signalled while the descriptor is readable.
-class KT_EXPORT SocketReadEvent : public SocketEvent {
+class CONVOKE_API SocketReadEvent : public SocketEvent {
  public:
   explicit SocketReadEvent(int handle);
   ~SocketReadEvent() override;
@@ -187,7 +187,7 @@ class KT_EXPORT SocketReadEvent : public SocketEvent {
 };
 
 // Signalled while the descriptor is writable.
-class KT_EXPORT SocketWriteEvent : public SocketEvent {
+class CONVOKE_API SocketWriteEvent : public SocketEvent {
  public:
   explicit SocketWriteEvent(int handle);
   ~SocketWriteEvent() override;
@@ -199,7 +199,7 @@ class KT_EXPORT SocketWriteEvent : public SocketEvent {
 };
 
 // Signalled while the descriptor has an exceptional condition (out-of-band data).
-class KT_EXPORT SocketExceptEvent : public SocketEvent {
+class CONVOKE_API SocketExceptEvent : public SocketEvent {
  public:
   explicit SocketExceptEvent(int handle);
   ~SocketExceptEvent() override;

@@ -19,11 +19,11 @@
 #include <cstdint>
 #include <string>
 
-#include "kt/ktexport.h"
+#include "convoke/export.h"
 
 namespace kt {
 
-class KT_EXPORT MemoryManager {
+class CONVOKE_API MemoryManager {
  public:
   // The header in front of each user block. The user block starts right after it.
   struct Record {

@@ -10,11 +10,11 @@
 #include <string>
 
 #include "kt/Event.h"
-#include "kt/ktexport.h"
+#include "convoke/export.h"
 
 // Signalled once the child pid has ended and been reaped. Thread safety: none (see above); the
 // registry of instances is shared by the whole process without a lock.
-class KT_EXPORT ProcessEvent : public Event {
+class CONVOKE_API ProcessEvent : public Event {
  public:
   // Watches the child pid and makes instances_[pid] point to this event (replacing an earlier
   // entry for the same pid).

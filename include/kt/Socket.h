@@ -25,7 +25,7 @@
 #include <set>
 #include <string>
 
-#include "kt/ktexport.h"
+#include "convoke/export.h"
 
 // A thin object over one BSD socket descriptor.
 //
@@ -34,7 +34,7 @@
 // when destroyed, so only one copy of an open socket should outlive the others.
 //
 // Thread safety: none; one thread at a time per object.
-class KT_EXPORT Socket {
+class CONVOKE_API Socket {
  public:
   // Portable error codes; Socket::FromOSError and Socket::ToOSError convert them to and from errno.
   enum error_t : int {
@@ -71,7 +71,7 @@ class KT_EXPORT Socket {
   // & and | combine two addresses byte by byte (network and mask arithmetic).
   //
   // Thread safety: a plain value; IPv4/IPv6 Port() writes to the storage (see there).
-  class KT_EXPORT Address {
+  class CONVOKE_API Address {
    public:
     static constexpr unsigned kCapacity = 256;
 
@@ -128,7 +128,7 @@ class KT_EXPORT Socket {
   };
 
   // One candidate of a name lookup. Thread safety: a plain value.
-  struct KT_EXPORT AddressInfo {
+  struct CONVOKE_API AddressInfo {
     int flags = 0;
     int family = 0;
     int type = 0;
@@ -322,10 +322,10 @@ class KT_EXPORT Socket {
 
 // An IPv4 socket (the same object; IPv4Socket::Address is the typed address).
 // Thread safety: as Socket; one thread at a time per object.
-class KT_EXPORT IPv4Socket : public Socket {
+class CONVOKE_API IPv4Socket : public Socket {
  public:
   // An sockaddr_in view of Socket::Address. Thread safety: as Socket::Address.
-  class KT_EXPORT Address : public Socket::Address {
+  class CONVOKE_API Address : public Socket::Address {
    public:
     // All zero, length 16, family AF_INET.
     Address();
@@ -352,10 +352,10 @@ class KT_EXPORT IPv4Socket : public Socket {
 
 // An IPv6 socket (the same object; IPv6Socket::Address is the typed address).
 // Thread safety: as Socket; one thread at a time per object.
-class KT_EXPORT IPv6Socket : public Socket {
+class CONVOKE_API IPv6Socket : public Socket {
  public:
   // An sockaddr_in6 view of Socket::Address. Thread safety: as Socket::Address.
-  class KT_EXPORT Address : public Socket::Address {
+  class CONVOKE_API Address : public Socket::Address {
    public:
     // All zero, family AF_INET6, length 16 (not the 28 bytes of the whole structure: set the
     // length when the full structure is needed, for example before getnameinfo).
@@ -379,15 +379,15 @@ class KT_EXPORT IPv6Socket : public Socket {
 };
 
 // The text of the error code; values outside the table print as "Unknown error " and the number.
-KT_EXPORT std::ostream& operator<<(std::ostream& out, Socket::error_t e);
+CONVOKE_API std::ostream& operator<<(std::ostream& out, Socket::error_t e);
 // Numeric host, one space, numeric service; nothing when the address cannot be converted.
-KT_EXPORT std::ostream& operator<<(std::ostream& out, Socket::Address const& address);
+CONVOKE_API std::ostream& operator<<(std::ostream& out, Socket::Address const& address);
 // "Stream" or "Datagram" (other values print as their number).
-KT_EXPORT std::ostream& operator<<(std::ostream& out, Socket::AddressType type);
+CONVOKE_API std::ostream& operator<<(std::ostream& out, Socket::AddressType type);
 // "IPv4" or "IPv6" (other values print as their number).
-KT_EXPORT std::ostream& operator<<(std::ostream& out, Socket::AddressFamily family);
+CONVOKE_API std::ostream& operator<<(std::ostream& out, Socket::AddressFamily family);
 // Each entry as "key"="value", entries separated by ", ".
-KT_EXPORT std::ostream& operator<<(std::ostream& out,
+CONVOKE_API std::ostream& operator<<(std::ostream& out,
                                    std::map<std::string, std::string> const& options);
 
 #endif  // KT_SOCKET_H

@@ -11,12 +11,12 @@
 
 #include <cstdint>
 
-#include "kt/ktexport.h"
+#include "convoke/export.h"
 
 // A stopwatch in milliseconds that can be paused and resumed. Elapsed times are returned truncated
 // to unsigned 32 bits; the time spent stopped does not count once the timer is started again.
 // Thread safety: an object is not synchronised (one thread); the static readings are safe anywhere.
-class KT_EXPORT Timer {
+class CONVOKE_API Timer {
  public:
   // Microseconds since 1970.
   static int64_t Microseconds();
@@ -62,7 +62,7 @@ class KT_EXPORT Timer {
 // the smoothed one: an interval of at least one period replaces it, a shorter one contributes in
 // proportion to its length. The first update after construction or Reset() measures from 1970 and
 // so only primes the meter.
-class KT_EXPORT Rate {
+class CONVOKE_API Rate {
  public:
   // period: the smoothing period in seconds.
   explicit Rate(double period);

@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "kt/MemoryManager.h"
-#include "kt/ktexport.h"
+#include "convoke/export.h"
 
 namespace kt {
 
@@ -80,7 +80,7 @@ class Constructor<MemoryManager*, T> {
 
 // One attribute: its name as read or given, and its raw value (entities are never decoded).
 // Thread safety: a plain value, not synchronised.
-class KT_EXPORT XMLAttribute {
+class CONVOKE_API XMLAttribute {
  public:
   XMLAttribute(std::string name = std::string(), std::string value = std::string());
 
@@ -93,7 +93,7 @@ class KT_EXPORT XMLAttribute {
 
 // One node of a document. It owns its children and attributes (no parent pointer).
 // Thread safety: not synchronised; a tree is used by one thread at a time.
-class KT_EXPORT XMLElement {
+class CONVOKE_API XMLElement {
  public:
   XMLElement(XMLType type = Element, const std::string& name = std::string(),
              const std::string& value = std::string());
@@ -190,7 +190,7 @@ class KT_EXPORT XMLElement {
 
 // A whole file read under a synthetic root named "__ROOT__". Not copyable.
 // Thread safety: not synchronised, like the tree it owns.
-class KT_EXPORT XMLFile {
+class CONVOKE_API XMLFile {
  public:
   XMLFile();
   ~XMLFile();
@@ -211,7 +211,7 @@ class KT_EXPORT XMLFile {
 
 // Indented printer: `depth` spaces before each tag, one more per level, a line per element.
 // Thread safety: none of its own; the stream and the tree must not change while it prints.
-struct KT_EXPORT PrintElement {
+struct CONVOKE_API PrintElement {
   explicit PrintElement(std::ostream& os, unsigned depth = 0) : os(os), depth(depth) {}
   void operator()(const XMLElement* e) const;
   void operator()(const XMLElement& e) const { (*this)(&e); }
@@ -221,7 +221,7 @@ struct KT_EXPORT PrintElement {
 
 // Writes ` name="value"` with the raw value.
 // Thread safety: none of its own; the stream and the attribute must not change while it prints.
-struct KT_EXPORT PrintAttribute {
+struct CONVOKE_API PrintAttribute {
   explicit PrintAttribute(std::ostream& os) : os(os) {}
   void operator()(const XMLAttribute* a) const;
   void operator()(const XMLAttribute& a) const { (*this)(&a); }
@@ -241,20 +241,20 @@ struct KT_EXPORT PrintAttribute {
 // out of input writes "Missing end tag!" (each on a line of standard error); both set the failbit
 // and leave the partial tree in place. Reading to the end of the input into a nameless container
 // always sets eofbit and failbit: the container stops only when a read finds no more input.
-KT_EXPORT std::istream& operator>>(std::istream& in, XMLElement& e);
+CONVOKE_API std::istream& operator>>(std::istream& in, XMLElement& e);
 // Names the root "__ROOT__", skips to the first "<" and, unless the input ended, parses into it.
-KT_EXPORT std::istream& operator>>(std::istream& in, XMLFile& f);
+CONVOKE_API std::istream& operator>>(std::istream& in, XMLFile& f);
 // PrintElement with depth 0.
-KT_EXPORT std::ostream& operator<<(std::ostream& os, const XMLElement& e);
+CONVOKE_API std::ostream& operator<<(std::ostream& os, const XMLElement& e);
 // Writes the root pointer's value (an address), not the document.
-KT_EXPORT std::ostream& operator<<(std::ostream& os, const XMLFile& f);
+CONVOKE_API std::ostream& operator<<(std::ostream& os, const XMLFile& f);
 
 // Builds in `element` exactly the tree that `std::istringstream(std::string(data, length)) >>
 // element` builds, writing the same messages to standard error, without building a stream.
 // Returns true when that stream would not be in the failed state afterwards (see operator>>: a
 // document read to its end into a nameless container leaves it failed, so callers look for the
 // elements they need rather than rely on the result). `data` may be null when `length` is 0.
-KT_EXPORT bool ParseXMLBuffer(const char* data, std::size_t length, XMLElement& element);
+CONVOKE_API bool ParseXMLBuffer(const char* data, std::size_t length, XMLElement& element);
 
 // Comparison and merge of two versions of a document. An element's identity is its name and the
 // value of its attribute "id" (found ignoring case; empty when absent); two elements correspond
@@ -263,46 +263,46 @@ KT_EXPORT bool ParseXMLBuffer(const char* data, std::size_t length, XMLElement& 
 // reset: clear it first. All of them walk the trees with explicit stacks.
 //
 // Sets `name` to e's name and `id` to its "id" attribute's value, or to "" when there is none.
-KT_EXPORT void GetElementNameAndId(const XMLElement& e, std::string& name, std::string& id);
+CONVOKE_API void GetElementNameAndId(const XMLElement& e, std::string& name, std::string& id);
 // The first child of `parent` with the same name and id as `probe`; null if none.
-KT_EXPORT XMLElement* FindElementByNameAndId(XMLElement& parent, const XMLElement& probe);
+CONVOKE_API XMLElement* FindElementByNameAndId(XMLElement& parent, const XMLElement& probe);
 // Merges `src` into `dst`: name and untrimmed value when they differ (by name or trimmed value),
 // attribute values, and children, matched by name and id, recursively; an unmatched child is
 // appended as a deep copy.
-KT_EXPORT void AddElements(const XMLElement& src, XMLElement& dst, bool& changed);
+CONVOKE_API void AddElements(const XMLElement& src, XMLElement& dst, bool& changed);
 // Removes from `dst` what `src` names: the attributes of src's attribute names (but "id"), and
 // each matched child that src gives as a leaf carrying only its identity and an equal trimmed
 // value; other matched children act recursively on their counterparts.
-KT_EXPORT void RemoveElements(const XMLElement& src, XMLElement& dst, bool& changed);
+CONVOKE_API void RemoveElements(const XMLElement& src, XMLElement& dst, bool& changed);
 // Destroys every child of `e` (null is ignored); its attributes stay.
-KT_EXPORT void RemoveElements(XMLElement* e);
+CONVOKE_API void RemoveElements(XMLElement* e);
 // Strips from `target` what is unchanged relative to `ref`: children of corresponding elements
 // with the same name, id and number of children, and attributes (but "id") equal in `ref`. Every
 // descendant of `ref` must have a counterpart in `target`; a missing one ends the process with the
 // assertion "a_element != NULL". A null `ref` does nothing.
-KT_EXPORT void CompressElements(XMLElement& target, XMLElement* ref);
+CONVOKE_API void CompressElements(XMLElement& target, XMLElement* ref);
 // Searches `tree` for the chain of first children of `pattern`, matching values (operator==).
 // Returns `tree` itself when `pattern` has no children, the element whose child matched the end
 // of the chain, or null. Null arguments give null.
-KT_EXPORT XMLElement* SearchElements(XMLElement* tree, XMLElement* pattern);
+CONVOKE_API XMLElement* SearchElements(XMLElement* tree, XMLElement* pattern);
 
 // Matching predicates: the name equals `name` ignoring ASCII case.
-KT_EXPORT bool ElementNameEqual(XMLElement* e, std::string name);
-KT_EXPORT bool AttributeTagEqual(XMLAttribute* a, std::string name);
+CONVOKE_API bool ElementNameEqual(XMLElement* e, std::string name);
+CONVOKE_API bool AttributeTagEqual(XMLAttribute* a, std::string name);
 
 // String utilities.
 //
 // The pieces of `text` between occurrences of `delimiter`, empty pieces kept: "a//b" gives a, "",
 // b; "" gives one empty piece. An empty delimiter gives `text` as the only piece.
-KT_EXPORT std::vector<std::string> Split(const std::string& text, const std::string& delimiter);
+CONVOKE_API std::vector<std::string> Split(const std::string& text, const std::string& delimiter);
 // strcasecmp of the two strings (so each ends at its first NUL).
-KT_EXPORT int StrCaseCmp(const std::string& a, const std::string& b);
+CONVOKE_API int StrCaseCmp(const std::string& a, const std::string& b);
 // Removes every character of `characters` from both ends.
-KT_EXPORT std::string Trim(std::string text, std::string characters);
+CONVOKE_API std::string Trim(std::string text, std::string characters);
 // Trim with " \t\n\r".
-KT_EXPORT std::string TrimWhiteSpace(std::string text);
+CONVOKE_API std::string TrimWhiteSpace(std::string text);
 // Removes " \t\n\r" from the front only.
-KT_EXPORT std::string TrimLeadingWhiteSpace(std::string text);
+CONVOKE_API std::string TrimLeadingWhiteSpace(std::string text);
 
 }  // namespace kt
 

@@ -8,13 +8,13 @@
 #ifndef CONVOKE_MEETING_AUDIOEVENTS_H
 #define CONVOKE_MEETING_AUDIOEVENTS_H
 
-#include "meeting/Export.h"
+#include "convoke/export.h"
 
 namespace kt {
 class XMLElement;
 }
 
-extern "C" CONVOKE_EXPORT void audioCallback(void* context, const char* xml);
+extern "C" CONVOKE_API void audioCallback(void* context, const char* xml);
 
 namespace Telmora {
 

@@ -1,40 +1,33 @@
 #include "meeting/CMeetingDelegate.h"
 
+#include <type_traits>
+
+#include "convoke/convoke.h"
+
 std::atomic<void*> cmDelegateMethods[Telmora::kDelegateSlotCount] = {};
 CMeetingDelegate gMeetingDelegate;
 
 namespace {
 
-enum Slot : unsigned int {
-  kParticipantAdded = 0,
-  kParticipantRemoved,
-  kParticipantAudioAdded,
-  kParticipantAudioUpdated,
-  kParticipantVideoAdded,
-  kParticipantVideoUpdated,
-  kParticipantVideoRemoved,
-  kParticipantVideoRemoteLayoutChanged,
-  kVideoStreamBufferReady,
-  kVideoFrameReady,
-  kInputMeterChanged,
-  kOutputMeterChanged,
-  kParticipantAmplitudeChanged,
-  kLogMessage,
-  kBinaryPlaybackEnded,
-  kBinaryPlaybackFailed,
-  kAudioConditionUpdate,
-  kVideoConditionUpdate,
+// The slot list and the public enum agree in order and size, and each slot names an operation.
+enum SlotOrder : unsigned int {
+#define CONVOKE_SLOT_ORDER(Slot, operation) kOrder##Slot,
+  CONVOKE_DELEGATE_SLOTS(CONVOKE_SLOT_ORDER)
+#undef CONVOKE_SLOT_ORDER
 };
+#define CONVOKE_SLOT_CHECK(Slot, operation)                                                    \
+  static_assert(kOrder##Slot == static_cast<unsigned int>(DelegateCallbackSlot##Slot),         \
+                #Slot " is out of order");                                                     \
+  static_assert(std::is_member_function_pointer<decltype(&MeetingDelegate::operation)>::value, \
+                #operation " is not a MeetingDelegate operation");
+CONVOKE_DELEGATE_SLOTS(CONVOKE_SLOT_CHECK)
+#undef CONVOKE_SLOT_CHECK
+static_assert(Telmora::kDelegateSlotCount == DelegateCallbackSlotCount,
+              "the slot list and DelegateCallbackSlot differ in size");
 
-using ParticipantFn = void (*)(const char*);
-using ParticipantStreamFn = void (*)(const char*, const char*);
-using BufferFn = void (*)(const char*, void*);
-using MeterFn = void (*)(unsigned char);
-using AmplitudeFn = void (*)(const char*, unsigned char, bool);
+using Slot = DelegateCallbackSlot;
+// Slot 13 has no C type in convoke.h: it is never called.
 using LogFn = void (*)(unsigned int, std::string);
-using PlaybackFn = void (*)(unsigned long long);
-using AudioConditionFn = void (*)(int, int, int, int, int, int, int, int, int, int);
-using VideoConditionFn = void (*)(int, int, int, int, int, int);
 
 template <class Fn>
 Fn slot(Slot index) {
@@ -42,12 +35,13 @@ Fn slot(Slot index) {
 }
 
 void callParticipant(Slot index, const Telmora::Participant& participant) {
-  if (ParticipantFn fn = slot<ParticipantFn>(index)) fn(participant.uuid.c_str());
+  if (ConvokeParticipantCallback fn = slot<ConvokeParticipantCallback>(index))
+    fn(participant.uuid.c_str());
 }
 
 void callParticipantStream(Slot index, const Telmora::Participant& participant,
                            const std::string& streamId) {
-  if (ParticipantStreamFn fn = slot<ParticipantStreamFn>(index)) {
+  if (ConvokeParticipantStreamCallback fn = slot<ConvokeParticipantStreamCallback>(index)) {
     fn(participant.uuid.c_str(), streamId.c_str());
   }
 }
@@ -55,84 +49,97 @@ void callParticipantStream(Slot index, const Telmora::Participant& participant,
 }  // namespace
 
 void CMeetingDelegate::participantAdded(const Telmora::Participant& p) {
-  callParticipant(kParticipantAdded, p);
+  callParticipant(DelegateCallbackSlotParticipantAdded, p);
 }
 
 void CMeetingDelegate::participantRemoved(const Telmora::Participant& p) {
-  callParticipant(kParticipantRemoved, p);
+  callParticipant(DelegateCallbackSlotParticipantRemoved, p);
 }
 
 void CMeetingDelegate::participantAudioAdded(const Telmora::Participant& p) {
-  callParticipant(kParticipantAudioAdded, p);
+  callParticipant(DelegateCallbackSlotParticipantAudioAdded, p);
 }
 
 void CMeetingDelegate::participantAudioUpdated(const Telmora::Participant& p) {
-  callParticipant(kParticipantAudioUpdated, p);
+  callParticipant(DelegateCallbackSlotParticipantAudioUpdated, p);
 }
 
 void CMeetingDelegate::participantVideoAdded(const Telmora::Participant& p, std::string streamId) {
-  callParticipantStream(kParticipantVideoAdded, p, streamId);
+  callParticipantStream(DelegateCallbackSlotParticipantVideoAdded, p, streamId);
 }
 
 void CMeetingDelegate::participantVideoUpdated(const Telmora::Participant& p,
                                                std::string streamId) {
-  callParticipantStream(kParticipantVideoUpdated, p, streamId);
+  callParticipantStream(DelegateCallbackSlotParticipantVideoUpdated, p, streamId);
 }
 
 void CMeetingDelegate::participantVideoRemoved(const Telmora::Participant& p,
                                                std::string streamId) {
-  callParticipantStream(kParticipantVideoRemoved, p, streamId);
+  callParticipantStream(DelegateCallbackSlotParticipantVideoRemoved, p, streamId);
 }
 
 void CMeetingDelegate::participantVideoRemoteLayoutChanged(const Telmora::Participant& p,
                                                            std::string streamId) {
-  callParticipantStream(kParticipantVideoRemoteLayoutChanged, p, streamId);
+  callParticipantStream(DelegateCallbackSlotParticipantVideoRemoteLayoutChanged, p, streamId);
 }
 
 void CMeetingDelegate::videoStreamBufferReady(std::string streamId, void* pixelBuffer) {
-  if (BufferFn fn = slot<BufferFn>(kVideoStreamBufferReady)) fn(streamId.c_str(), pixelBuffer);
+  if (ConvokeVideoBufferCallback fn =
+          slot<ConvokeVideoBufferCallback>(DelegateCallbackSlotVideoStreamBufferReady))
+    fn(streamId.c_str(), pixelBuffer);
 }
 
 void CMeetingDelegate::videoFrameReady(std::string streamId, void* pixelBuffer) {
-  if (BufferFn fn = slot<BufferFn>(kVideoFrameReady)) fn(streamId.c_str(), pixelBuffer);
+  if (ConvokeVideoBufferCallback fn =
+          slot<ConvokeVideoBufferCallback>(DelegateCallbackSlotVideoFrameReady))
+    fn(streamId.c_str(), pixelBuffer);
 }
 
 void CMeetingDelegate::inputMeterChanged(unsigned char level) {
-  if (MeterFn fn = slot<MeterFn>(kInputMeterChanged)) fn(level);
+  if (ConvokeMeterCallback fn = slot<ConvokeMeterCallback>(DelegateCallbackSlotInputMeterChanged))
+    fn(level);
 }
 
 void CMeetingDelegate::outputMeterChanged(unsigned char level) {
-  if (MeterFn fn = slot<MeterFn>(kOutputMeterChanged)) fn(level);
+  if (ConvokeMeterCallback fn = slot<ConvokeMeterCallback>(DelegateCallbackSlotOutputMeterChanged))
+    fn(level);
 }
 
 void CMeetingDelegate::participantAmplitudeChanged(const Telmora::Participant& p,
                                                    unsigned char amplitude, bool muted) {
-  if (AmplitudeFn fn = slot<AmplitudeFn>(kParticipantAmplitudeChanged)) {
+  if (ConvokeAmplitudeCallback fn =
+          slot<ConvokeAmplitudeCallback>(DelegateCallbackSlotParticipantAmplitudeChanged)) {
     fn(p.uuid.c_str(), amplitude, muted);
   }
 }
 
 void CMeetingDelegate::logMessage(unsigned int level, std::string text) {
-  if (LogFn fn = slot<LogFn>(kLogMessage)) fn(level, std::move(text));
+  if (LogFn fn = slot<LogFn>(DelegateCallbackSlotLogMessage)) fn(level, std::move(text));
 }
 
 void CMeetingDelegate::binaryPlaybackEnded(unsigned long long playbackId) {
-  if (PlaybackFn fn = slot<PlaybackFn>(kBinaryPlaybackEnded)) fn(playbackId);
+  if (ConvokePlaybackCallback fn =
+          slot<ConvokePlaybackCallback>(DelegateCallbackSlotBinaryPlaybackEnded))
+    fn(playbackId);
 }
 
 void CMeetingDelegate::binaryPlaybackFailed(unsigned long long playbackId) {
-  if (PlaybackFn fn = slot<PlaybackFn>(kBinaryPlaybackFailed)) fn(playbackId);
+  if (ConvokePlaybackCallback fn =
+          slot<ConvokePlaybackCallback>(DelegateCallbackSlotBinaryPlaybackFailed))
+    fn(playbackId);
 }
 
 void CMeetingDelegate::audioConditionUpdate(Telmora::AudioCondition& c) {
-  if (AudioConditionFn fn = slot<AudioConditionFn>(kAudioConditionUpdate)) {
+  if (ConvokeAudioConditionCallback fn =
+          slot<ConvokeAudioConditionCallback>(DelegateCallbackSlotAudioConditionUpdate)) {
     fn(c.received, c.sent, c.dataBytesDropped, c.ctrlBytesDropped, c.cpuUsage, c.bars,
        c.upstreamLoss, c.upstreamLatency, c.downstreamLoss, c.downstreamLatency);
   }
 }
 
 void CMeetingDelegate::videoConditionUpdate(Telmora::VideoCondition& c) {
-  if (VideoConditionFn fn = slot<VideoConditionFn>(kVideoConditionUpdate)) {
+  if (ConvokeVideoConditionCallback fn =
+          slot<ConvokeVideoConditionCallback>(DelegateCallbackSlotVideoConditionUpdate)) {
     fn(c.received, c.sent, c.dataBytesDropped, c.ctrlBytesDropped, c.cpuUsage, c.bars);
   }
 }

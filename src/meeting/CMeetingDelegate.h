@@ -10,13 +10,8 @@
 #include <atomic>
 #include <string>
 
-#include "meeting/Export.h"
-
+#include "meeting/DelegateSlots.h"
 #include "meeting/MeetingDelegate.h"
-
-namespace Telmora {
-constexpr unsigned int kDelegateSlotCount = 18;
-}
 
 // The host's callbacks, index = delegate slot.
 extern std::atomic<void*> cmDelegateMethods[Telmora::kDelegateSlotCount];
@@ -29,7 +24,7 @@ extern std::atomic<void*> cmDelegateMethods[Telmora::kDelegateSlotCount];
 #endif
 #endif
 
-class CONVOKE_EXPORT CMeetingDelegate : public MeetingDelegate {
+class CMeetingDelegate : public MeetingDelegate {
  public:
   void participantAdded(const Telmora::Participant& participant) override;
   void participantRemoved(const Telmora::Participant& participant) override;

@@ -6,9 +6,9 @@
 
 #include <string>
 
-#include "meeting/Export.h"
+#include "convoke/export.h"
 
-extern "C" CONVOKE_EXPORT void loggingCallback(unsigned int level, const char* text);
+extern "C" CONVOKE_API void loggingCallback(unsigned int level, const char* text);
 
 namespace Telmora {
 

@@ -1,14 +1,16 @@
 // The host notification interface. The session reports every change of the meeting through one
-// MeetingDelegate; operations are listed in slot order (the C callback table uses the same
-// numbers). Operations run synchronously on whatever thread raised the notification (the host's
-// thread for the join, engine event threads, video timer threads) and must be safe to call from any
-// thread.
+// MeetingDelegate; operations are declared in slot order (meeting/DelegateSlots.h, the order of
+// the C callback table). Operations run synchronously on whatever thread raised the notification
+// (the host's thread for the join, engine event threads, video timer threads) and must be safe to
+// call from any thread.
+//
+// Internal to the library, like CMeetingDelegate: hosts receive notifications through the C
+// callback table, and neither class is exported. A C++ implementation outside the library could
+// not be installed anyway (the session that holds the delegate is not exported).
 #ifndef CONVOKE_MEETING_MEETINGDELEGATE_H
 #define CONVOKE_MEETING_MEETINGDELEGATE_H
 
 #include <string>
-
-#include "meeting/Export.h"
 
 #include "meeting/Participant.h"
 
@@ -18,32 +20,32 @@
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 #endif
 
-class CONVOKE_EXPORT MeetingDelegate {
+class MeetingDelegate {
  public:
-  virtual void participantAdded(const Telmora::Participant& participant) = 0;         // 0
-  virtual void participantRemoved(const Telmora::Participant& participant) = 0;       // 1
-  virtual void participantAudioAdded(const Telmora::Participant& participant) = 0;    // 2
-  virtual void participantAudioUpdated(const Telmora::Participant& participant) = 0;  // 3
+  virtual void participantAdded(const Telmora::Participant& participant) = 0;
+  virtual void participantRemoved(const Telmora::Participant& participant) = 0;
+  virtual void participantAudioAdded(const Telmora::Participant& participant) = 0;
+  virtual void participantAudioUpdated(const Telmora::Participant& participant) = 0;
   virtual void participantVideoAdded(const Telmora::Participant& participant,
-                                     std::string streamId) = 0;  // 4
+                                     std::string streamId) = 0;
   virtual void participantVideoUpdated(const Telmora::Participant& participant,
-                                       std::string streamId) = 0;  // 5
+                                       std::string streamId) = 0;
   virtual void participantVideoRemoved(const Telmora::Participant& participant,
-                                       std::string streamId) = 0;  // 6
+                                       std::string streamId) = 0;
   virtual void participantVideoRemoteLayoutChanged(const Telmora::Participant& participant,
-                                                   std::string streamId) = 0;        // 7
-  virtual void videoStreamBufferReady(std::string streamId, void* pixelBuffer) = 0;  // 8
-  virtual void videoFrameReady(std::string streamId, void* pixelBuffer) = 0;         // 9
-  virtual void inputMeterChanged(unsigned char level) = 0;                           // 10
-  virtual void outputMeterChanged(unsigned char level) = 0;                          // 11
+                                                   std::string streamId) = 0;
+  virtual void videoStreamBufferReady(std::string streamId, void* pixelBuffer) = 0;
+  virtual void videoFrameReady(std::string streamId, void* pixelBuffer) = 0;
+  virtual void inputMeterChanged(unsigned char level) = 0;
+  virtual void outputMeterChanged(unsigned char level) = 0;
   virtual void participantAmplitudeChanged(const Telmora::Participant& participant,
-                                           unsigned char amplitude, bool muted) = 0;  // 12
+                                           unsigned char amplitude, bool muted) = 0;
   // Log lines of the library. The base operation does nothing.
-  virtual void logMessage(unsigned int level, const std::string& text);       // 13
-  virtual void binaryPlaybackEnded(unsigned long long playbackId) = 0;        // 14
-  virtual void binaryPlaybackFailed(unsigned long long playbackId) = 0;       // 15
-  virtual void audioConditionUpdate(Telmora::AudioCondition& condition) = 0;  // 16
-  virtual void videoConditionUpdate(Telmora::VideoCondition& condition) = 0;  // 17
+  virtual void logMessage(unsigned int level, const std::string& text);
+  virtual void binaryPlaybackEnded(unsigned long long playbackId) = 0;
+  virtual void binaryPlaybackFailed(unsigned long long playbackId) = 0;
+  virtual void audioConditionUpdate(Telmora::AudioCondition& condition) = 0;
+  virtual void videoConditionUpdate(Telmora::VideoCondition& condition) = 0;
 };
 
 #if defined(__GNUC__)

@@ -13,14 +13,14 @@
 #include <mutex>
 #include <string>
 
-#include "meeting/Export.h"
+#include "convoke/export.h"
 #include "meeting/VideoTimerTask.h"
 
 namespace kt {
 class XMLElement;
 }
 
-extern "C" CONVOKE_EXPORT void videoCallback(void* context, const char* xml);
+extern "C" CONVOKE_API void videoCallback(void* context, const char* xml);
 
 namespace Telmora {
 

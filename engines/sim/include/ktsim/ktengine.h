@@ -1,8 +1,9 @@
 /*
  * ktengine.h - the media engines' C ABI, as libktaudio-mac and libktvideo-mac export it.
  *
- * Tests and tools that drive the simulated engines directly (without the product in between)
- * declare the engine functions through this header. Its declarations match the maker's engines
+ * The one declaration of the engine ABI: the simulated engines are built from it, the product
+ * declares the engine functions it calls through it (src/meeting/EngineApi.h), and tests and tools
+ * that drive the simulated engines directly use it too. Its declarations match the maker's engines
  * exactly; `bool` is the one-byte C bool.
  */
 #ifndef KTSIM_KTENGINE_H
