@@ -138,11 +138,11 @@ void Convoke::joinMeeting(const std::string& server, const std::string& meetingI
                                       meetingKey.c_str(), "AES256", 0, 1, 0);
   if (connected) {
     const Participant local(uuid, name, true);
-    ParticipantSnapshot added = participants.update([&](Registry::Editor& registry) {
-      return registry.insert(uuid, local) ? registry.snapshot(uuid) : nullptr;
-    });
+    // An entry already filed under the UUID (a second join) is kept; the host still hears of the
+    // new local participant.
+    participants.update([&](Registry::Editor& registry) { registry.insert(uuid, local); });
     MeetingDelegate* d = delegate.load();
-    if (added && d != nullptr) d->participantAdded(*added);
+    if (d != nullptr) d->participantAdded(local);
   }
   completion(connected);
 }
