@@ -11,24 +11,47 @@
  *  1. Texts are NUL-terminated 8-bit strings (UTF-8 in practice). A text argument is read once and
  *     copied during the call; the library keeps no pointer to host memory. Text arguments must not
  *     be NULL unless a function says otherwise.
- *  2. Memory returned to the host belongs to the library (list arrays, the last-error text, query
- *     results) and stays valid until the next call of the same function, from any thread; the host
- *     never frees it. The one exception is the preferred-device text of getAudioInputDevices and
- *     getAudioOutputDevices, which the host owns and releases with free().
+ *  2. Memory returned to the host belongs to the library and the host never frees it. The one
+ *     exception is the preferred-device text of getAudioInputDevices and getAudioOutputDevices,
+ *     which the host owns and releases with free().
+ *     - Query texts (getParticipantString, getVideoInfoString, getParticipantVideoInfoAt, the
+ *       audio-info queries) and the getLastError text belong to the calling thread: each thread
+ *       has its own buffers, like errno. A text stays valid until the next call on the SAME thread
+ *       that fills the same buffer (see the query section); calls on other threads, callbacks
+ *       running on other threads included, never change it.
+ *     - List arrays (the device and resolution lists) are shared by all threads: an array stays
+ *       valid until the next call of the same function from any thread, or ConvokeDeallocate.
  *  3. Errors: the command functions return non-zero when the engine accepted the command and 0 when
- *     validation or the engine refused it; getLastError() then tells why ("Success", a validation
- *     message such as "Invalid device name", the engine's own text, or "Unknown error"). Lookups
- *     report a miss by NULL, false or 0. No function raises a C++ exception into the host.
+ *     validation or the engine refused it. getLastError() then tells why ("Success", a validation
+ *     message such as "Invalid device name", the engine's own text, or "Unknown error"), for the
+ *     latest validated command OF THE CALLING THREAD: a command on another thread (including the
+ *     commands the library sends by itself on an engine thread) does not change it. Lookups report
+ *     a miss by NULL, false or 0. No function raises a C++ exception into the host.
  *  4. Threads: every function may be called from any thread, including from inside a callback. The
  *     library takes no lock of its own while it calls the host. Callbacks run synchronously on the
- *     thread that raised them: the audio engine's thread (participants' audio, meters, amplitude,
- *     conditions, sound playback), the video engine's thread (participants' video), one timer
- * thread per rendered video stream (videoFrameReady), and the host's own thread for the local
- *     participant added by joinMeeting. Texts passed to callbacks are valid only during the call.
- *  5. Lifecycle: ConvokeInitialize once, then SetDelegateCallback for each callback, joinMeeting,
+ *     thread that raised them:
+ *     - the audio engine's thread: participants' audio, meters, amplitude, conditions, sound
+ *       playback;
+ *     - the video engine's thread: participants' video and slot 8 (videoStreamBufferReady);
+ *     - one frame timer thread per rendered video stream: slot 9 (videoFrameReady). A stream
+ *       has at most one polling timer thread, whatever the number of buffer announcements,
+ *       pause/resume pairs or enable/disable cycles: resuming a stream whose thread still polls
+ *       or still waits out its stop re-arms that thread, and a frame is reported at most once per
+ *       poll. A stopped timer thread polls no more and ends about 2 seconds after its stop;
+ *     - the host's own thread: the local participant added by joinMeeting.
+ *     Texts passed to callbacks are valid only during the call.
+ *     Frame barrier: when exitMeeting, disableVideoStream or pauseVideoFrameProcessing returns, no
+ *     frame callback (slot 9) of the streams it stopped is running or will begin: these functions
+ *     wait for a frame callback in progress on another thread. Called from inside a frame callback
+ *     they do not wait for that callback itself. The one way to deadlock: a frame callback that
+ *     waits (on a lock, a join, a condition) for a thread that is inside one of these three calls,
+ *     including a frame callback of another stream that pauses or disables this stream.
+ *  5. Output pointers: every pointer a function writes through may be NULL; nothing is written
+ *     there then (lists are still refreshed, lookups still run). Each function below says so.
+ *  6. Lifecycle: ConvokeInitialize once, then SetDelegateCallback for each callback, joinMeeting,
  *     commands and queries, exitMeeting, and ConvokeDeallocate when the lists are no longer needed.
  *     The meeting session itself lives until the process ends.
- *  6. Four entry points are exported with C++ linkage (their parameter types are part of the
+ *  7. Four entry points are exported with C++ linkage (their parameter types are part of the
  *     symbol): freeStringArray, enableInlineAudioVideoLogging, findParticipantByVideoStreamId and
  *     findParticipantByAudioStreamId. They are declared only when this header is compiled as C++.
  */
@@ -127,12 +150,13 @@ CONVOKE_API void joinMeeting(const char* server, const char* meetingId, const ch
                              void (*completion)(bool));
 
 /* Leaves the meeting: disconnects both engines, stops every video frame timer and forgets every
- * participant (no notifications). May be called in any state. A frame callback already running may
- * still complete, and stopped timer threads end within about 2 seconds. */
+ * participant (no notifications). May be called in any state. When it returns no frame callback
+ * runs or will begin (it waits for one running on another thread; see convention 4); the stopped
+ * timer threads end within about 2 seconds. */
 CONVOKE_API void exitMeeting(void);
 
-/* The outcome of the latest validated command ("" before the first). The text belongs to the
- * library and stays valid until the next getLastError call. */
+/* The outcome of the calling thread's latest validated command ("" before the first). The text
+ * belongs to the library and stays valid until the same thread's next getLastError call. */
 CONVOKE_API const char* getLastError(void);
 
 /* ---------------------------------------------------------------------------------------------
@@ -176,9 +200,12 @@ CONVOKE_API int disableNetworkVideo(const char* url);
  * stream. The stream's frame timer is stopped first either way. */
 CONVOKE_API int enableVideoStream(const char* streamId, const char* colorspace);
 /* Stops rendering a stream (its frame timer stops even when the engine refuses). "Invalid
- * streamId" for an empty id. */
+ * streamId" for an empty id. When it returns no frame callback of the stream runs or will begin
+ * (convention 4). */
 CONVOKE_API int disableVideoStream(const char* streamId);
-/* Pause and resume the frame timer of a rendered stream; nothing when it has none. */
+/* Pause and resume the frame timer of a rendered stream; nothing when it has none. When pause
+ * returns no frame callback of the stream runs or will begin (convention 4). Resume keeps the
+ * stream's one timer thread when it still runs. */
 CONVOKE_API void pauseVideoFrameProcessing(const char* streamId);
 CONVOKE_API void resumeVideoFrameProcessing(const char* streamId);
 /* Passes the device orientation (the video engine's values) to the video engine. */
@@ -203,25 +230,28 @@ CONVOKE_API void videoTraceOutputHistory(const char* text);
  * 65535 entries is reported modulo 65536. Never pass these arrays to freeStringArray.
  * ------------------------------------------------------------------------------------------- */
 
-/* Cameras and screens of the video engine. */
+/* Cameras and screens of the video engine. Any of the four pointers may be NULL. */
 CONVOKE_API void getVideoDevices(char*** devices, unsigned short* deviceCount, char*** screens,
                                  unsigned short* screenCount);
 /* Microphones / speakers. *preferred receives a fresh copy of the preferred device's id that the
- * host releases with free(), or NULL when no device is preferred. */
+ * host releases with free(), or NULL when no device is preferred. Any of the three pointers may be
+ * NULL (with preferred NULL no copy is made). */
 CONVOKE_API void getAudioInputDevices(char*** devices, unsigned short* deviceCount,
                                       char** preferred);
 CONVOKE_API void getAudioOutputDevices(char*** devices, unsigned short* deviceCount,
                                        char** preferred);
-/* The send codecs (resolutions) a camera supports. */
+/* The send codecs (resolutions) a camera supports. codecs and codecCount may be NULL. */
 CONVOKE_API void getSupportedVideoSendResolutions(const char* deviceId, char*** codecs,
                                                   unsigned short* codecCount);
 
 /* ---------------------------------------------------------------------------------------------
  * Participant and video-stream queries
  *
- * Returned texts point into library-owned buffers shared by all callers: they stay valid until the
- * next query that fills the same buffer (any participant query for the participant texts, any
- * getVideoInfoString for stream texts), from any thread. Copy them before the next query. Unknown
+ * Returned texts point into library-owned buffers of the calling thread (three per thread): they
+ * stay valid until the same thread's next query that fills the same buffer, that is, the next
+ * getParticipantString, getParticipantAudioInfoStreamId or getParticipantAudioInfoSite for the
+ * participant texts, the next getVideoInfoString for stream texts, the next
+ * getParticipantVideoInfoAt for its stream ids. Queries on other threads never change them. Unknown
  * UUIDs, stream ids and keys are not errors: texts are NULL, flags false, numbers 0.
  * ------------------------------------------------------------------------------------------- */
 
@@ -241,22 +271,23 @@ typedef enum InfoKey {
 /* True when text names a screen source or a screen codec ("Screen Capture", "ffv1 Lossless",
  * "VP8 4K (10FPS)"). */
 CONVOKE_API bool isScreenShare(const char* text);
-/* *out := the participant's UUID (key 0) or site (key 1), else NULL. */
+/* *out := the participant's UUID (key 0) or site (key 1), else NULL. out may be NULL. */
 CONVOKE_API void getParticipantString(const char* uuid, int key, const char** out);
 /* True only for key 4 (InfoKeyLocal) of the local participant. */
 CONVOKE_API bool getParticipantBool(const char* uuid, int key);
 /* Number of video streams of a participant (0 when unknown). */
 CONVOKE_API unsigned int getParticipantVideoInfoCount(const char* uuid);
 /* *out := the stream id at `index` in ascending stream-id order; *out is left unchanged for an
- * unknown participant or an index at or past the count. */
+ * unknown participant or an index at or past the count. out may be NULL. */
 CONVOKE_API void getParticipantVideoInfoAt(const char* uuid, unsigned int index, const char** out);
-/* *out := the stream's id, site, name or codec name (keys 0-3), else NULL. */
+/* *out := the stream's id, site, name or codec name (keys 0-3), else NULL. out may be NULL. */
 CONVOKE_API void getVideoInfoString(const char* streamId, int key, const char** out);
 /* Key 4: the stream is local; key 5: the stream is active; else false. */
 CONVOKE_API bool getVideoInfoBool(const char* streamId, int key);
 /* Key 6: layout; key 7: width; key 8: height; else 0. */
 CONVOKE_API int getVideoInfoInt(const char* streamId, int key);
-/* *out := the participant's audio stream id / audio site, NULL when unknown or empty. */
+/* *out := the participant's audio stream id / audio site, NULL when unknown or empty. out may be
+ * NULL. */
 CONVOKE_API void getParticipantAudioInfoStreamId(const char* uuid, const char** out);
 CONVOKE_API void getParticipantAudioInfoSite(const char* uuid, const char** out);
 
@@ -274,7 +305,7 @@ CONVOKE_API void enableInlineAudioVideoLogging(bool enable);
 
 /* Copies the UUID of the participant owning a video / audio stream into out with
  * strncpy(out, uuid, size): a UUID of `size` characters or more leaves out without a terminating
- * NUL. On a miss out[0] is set to NUL. With size 0 nothing happens. */
+ * NUL. On a miss out[0] is set to NUL. With size 0 or out NULL nothing is written. */
 CONVOKE_API void findParticipantByVideoStreamId(const char* streamId, char* out,
                                                 unsigned short size);
 CONVOKE_API void findParticipantByAudioStreamId(const char* streamId, char* out,

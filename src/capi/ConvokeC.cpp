@@ -1,10 +1,12 @@
-// The exported C functions of the library and the globals behind them: the last-error text, the
+// The exported C functions of the library and the buffers behind them: the last-error text, the
 // device lists handed to the host, and the buffers of the participant queries.
 //
-// Thread safety: each group of globals has its own mutex, held while a global is filled and never
-// while an engine or the host runs, so that a host may call these functions from any thread,
-// callbacks included. Returned pointers stay valid until the next call that refills the same
-// global.
+// Thread safety: the last-error text and the query buffers are per thread (errno-style), so a text
+// handed to one thread is never overwritten by another thread's call; a thread that calls alone
+// sees one buffer per function, exactly as if they were plain globals. The device lists are shared
+// by all threads and guarded by one mutex, held while a list is filled and never while an engine or
+// the host runs, so that a host may call these functions from any thread, callbacks included.
+// Every pointer a function writes through may be NULL; nothing is written there then.
 
 #include "convoke/convoke.h"
 
@@ -51,8 +53,8 @@ std::string text(const char* s) { return s != nullptr ? std::string(s) : std::st
 
 // ---- last error -------------------------------------------------------------------------------
 
-std::mutex gLastErrorMutex;
-std::string gLastError;  // guarded by gLastErrorMutex
+// The text handed out by the calling thread's latest getLastError.
+thread_local std::string gLastError;
 
 // ---- lists ------------------------------------------------------------------------------------
 
@@ -108,13 +110,20 @@ char* copyForHost(const std::string& s) {
 
 // ---- query buffers ----------------------------------------------------------------------------
 
-std::mutex gQueryMutex;
-Telmora::Participant gParticipant;             // guarded by gQueryMutex
-Telmora::VideoInfo gVideoInfo;                 // guarded by gQueryMutex
-Telmora::Participant gVideoInfoAtParticipant;  // guarded by gQueryMutex
+// Per thread: the record the calling thread's latest participant, video-info and
+// getParticipantVideoInfoAt queries returned texts from.
+thread_local Telmora::Participant gParticipant;
+thread_local Telmora::VideoInfo gVideoInfo;
+thread_local Telmora::Participant gVideoInfoAtParticipant;
+
+// Stores value through out unless out is NULL.
+template <class T>
+void store(T* out, T value) {
+  if (out != nullptr) *out = value;
+}
 
 void findStream(bool video, const char* streamId, char* out, unsigned short size) {
-  if (size == 0) return;
+  if (size == 0 || out == nullptr) return;
   Telmora::Participant participant;
   Convoke* session = Convoke::sharedInstance();
   const bool found = video ? session->findParticipantByVideoStreamId(text(streamId), participant)
@@ -167,7 +176,6 @@ extern "C" void exitMeeting(void) {
 extern "C" const char* getLastError(void) {
   std::string latest = guarded("getLastError", std::string(),
                                [] { return Convoke::sharedInstance()->getLastError(); });
-  std::lock_guard<std::mutex> lock(gLastErrorMutex);
   gLastError = std::move(latest);
   return gLastError.c_str();
 }
@@ -278,10 +286,10 @@ extern "C" void getVideoDevices(char*** devices, unsigned short* deviceCount, ch
   std::lock_guard<std::mutex> lock(gListsMutex);
   fillList(gVideoDevices, cameras);
   fillList(gVideoScreens, screenList);
-  *devices = gVideoDevices.array;
-  *deviceCount = gVideoDevices.length;
-  *screens = gVideoScreens.array;
-  *screenCount = gVideoScreens.length;
+  store(devices, gVideoDevices.array);
+  store(deviceCount, gVideoDevices.length);
+  store(screens, gVideoScreens.array);
+  store(screenCount, gVideoScreens.length);
 }
 
 extern "C" void getAudioInputDevices(char*** devices, unsigned short* deviceCount,
@@ -292,9 +300,9 @@ extern "C" void getAudioInputDevices(char*** devices, unsigned short* deviceCoun
               [&] { Convoke::sharedInstance()->getAudioInputDevices(list, chosen); });
   std::lock_guard<std::mutex> lock(gListsMutex);
   fillList(gAudioInputDevices, list);
-  *devices = gAudioInputDevices.array;
-  *deviceCount = gAudioInputDevices.length;
-  *preferred = copyForHost(chosen);
+  store(devices, gAudioInputDevices.array);
+  store(deviceCount, gAudioInputDevices.length);
+  if (preferred != nullptr) *preferred = copyForHost(chosen);
 }
 
 extern "C" void getAudioOutputDevices(char*** devices, unsigned short* deviceCount,
@@ -305,9 +313,9 @@ extern "C" void getAudioOutputDevices(char*** devices, unsigned short* deviceCou
               [&] { Convoke::sharedInstance()->getAudioOutputDevices(list, chosen); });
   std::lock_guard<std::mutex> lock(gListsMutex);
   fillList(gAudioOutputDevices, list);
-  *devices = gAudioOutputDevices.array;
-  *deviceCount = gAudioOutputDevices.length;
-  *preferred = copyForHost(chosen);
+  store(devices, gAudioOutputDevices.array);
+  store(deviceCount, gAudioOutputDevices.length);
+  if (preferred != nullptr) *preferred = copyForHost(chosen);
 }
 
 extern "C" void getSupportedVideoSendResolutions(const char* deviceId, char*** codecs,
@@ -318,8 +326,8 @@ extern "C" void getSupportedVideoSendResolutions(const char* deviceId, char*** c
   });
   std::lock_guard<std::mutex> lock(gListsMutex);
   fillList(gSupportedSendResolutions, list);
-  *codecs = gSupportedSendResolutions.array;
-  *codecCount = gSupportedSendResolutions.length;
+  store(codecs, gSupportedSendResolutions.array);
+  store(codecCount, gSupportedSendResolutions.length);
 }
 
 // ---- queries ------------------------------------------------------------------------------------
@@ -338,14 +346,13 @@ extern "C" bool isScreenShare(const char* description) {
 }
 
 extern "C" void getParticipantString(const char* uuid, int key, const char** out) {
-  *out = nullptr;
+  store<const char*>(out, nullptr);
   guardedVoid("getParticipantString", [&] {
     Telmora::Participant found;
     if (!Convoke::sharedInstance()->findParticipantByUUID(text(uuid), found)) return;
-    std::lock_guard<std::mutex> lock(gQueryMutex);
     gParticipant = std::move(found);
-    if (key == InfoKeyId) *out = gParticipant.uuid.c_str();
-    if (key == InfoKeySite) *out = gParticipant.site.c_str();
+    if (key == InfoKeyId) store(out, gParticipant.uuid.c_str());
+    if (key == InfoKeySite) store(out, gParticipant.site.c_str());
   });
 }
 
@@ -369,8 +376,7 @@ extern "C" void getParticipantVideoInfoAt(const char* uuid, unsigned int index, 
   guardedVoid("getParticipantVideoInfoAt", [&] {
     Telmora::Participant found;
     if (!Convoke::sharedInstance()->findParticipantByUUID(text(uuid), found)) return;
-    if (index >= found.videoInfos.size()) return;
-    std::lock_guard<std::mutex> lock(gQueryMutex);
+    if (index >= found.videoInfos.size() || out == nullptr) return;
     gVideoInfoAtParticipant = std::move(found);
     auto entry = gVideoInfoAtParticipant.videoInfos.begin();
     std::advance(entry, index);
@@ -379,24 +385,23 @@ extern "C" void getParticipantVideoInfoAt(const char* uuid, unsigned int index, 
 }
 
 extern "C" void getVideoInfoString(const char* streamId, int key, const char** out) {
-  *out = nullptr;
+  store<const char*>(out, nullptr);
   guardedVoid("getVideoInfoString", [&] {
     Telmora::VideoInfo found;
     if (!Convoke::sharedInstance()->findVideoInfo(text(streamId), found)) return;
-    std::lock_guard<std::mutex> lock(gQueryMutex);
     gVideoInfo = std::move(found);
     switch (key) {
       case InfoKeyId:
-        *out = gVideoInfo.streamId.c_str();
+        store(out, gVideoInfo.streamId.c_str());
         break;
       case InfoKeySite:
-        *out = gVideoInfo.site.c_str();
+        store(out, gVideoInfo.site.c_str());
         break;
       case InfoKeyName:
-        *out = gVideoInfo.name.c_str();
+        store(out, gVideoInfo.name.c_str());
         break;
       case InfoKeyCodecName:
-        *out = gVideoInfo.codecName.c_str();
+        store(out, gVideoInfo.codecName.c_str());
         break;
       default:
         break;
@@ -428,14 +433,13 @@ extern "C" int getVideoInfoInt(const char* streamId, int key) {
 namespace {
 
 void audioInfoText(const char* uuid, const char** out, bool streamId) {
-  *out = nullptr;
+  store<const char*>(out, nullptr);
   Telmora::Participant found;
   if (!Convoke::sharedInstance()->findParticipantByUUID(text(uuid), found)) return;
-  std::lock_guard<std::mutex> lock(gQueryMutex);
   gParticipant = std::move(found);
   const std::string& value =
       streamId ? gParticipant.audioInfo.streamId : gParticipant.audioInfo.site;
-  if (!value.empty()) *out = value.c_str();
+  if (!value.empty()) store(out, value.c_str());
 }
 
 }  // namespace

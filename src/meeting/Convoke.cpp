@@ -15,6 +15,9 @@ namespace Telmora {
 
 namespace {
 
+// The outcome of the calling thread's latest validated command.
+thread_local std::string tLastError;
+
 // Size of the buffer handed to the engines' GetLastError.
 constexpr int kEngineErrorBufferSize = 1024;
 
@@ -94,20 +97,14 @@ Convoke::Convoke() {
 
 void Convoke::setDelegate(MeetingDelegate* newDelegate) { delegate.store(newDelegate); }
 
-std::string Convoke::getLastError() const {
-  std::lock_guard<std::mutex> lock(stateMutex_);
-  return lastError;
-}
+std::string Convoke::getLastError() const { return tLastError; }
 
 std::string Convoke::getDisplayName() const {
   std::lock_guard<std::mutex> lock(stateMutex_);
   return displayName;
 }
 
-void Convoke::setLastError(const std::string& text) {
-  std::lock_guard<std::mutex> lock(stateMutex_);
-  lastError = text;
-}
+void Convoke::setLastError(const std::string& text) { tLastError = text; }
 
 // ---- session ---------------------------------------------------------------------------------
 
@@ -141,11 +138,11 @@ void Convoke::joinMeeting(const std::string& server, const std::string& meetingI
                                       meetingKey.c_str(), "AES256", 0, 1, 0);
   if (connected) {
     const Participant local(uuid, name, true);
-    ParticipantSnapshot added = participants.update([&](Registry::Editor& registry) {
-      return registry.insert(uuid, local) ? registry.snapshot(uuid) : nullptr;
-    });
+    // An entry already filed under the UUID (a second join) is kept; the host still hears of the
+    // new local participant.
+    participants.update([&](Registry::Editor& registry) { registry.insert(uuid, local); });
     MeetingDelegate* d = delegate.load();
-    if (added && d != nullptr) d->participantAdded(*added);
+    if (d != nullptr) d->participantAdded(local);
   }
   completion(connected);
 }

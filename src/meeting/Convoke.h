@@ -4,7 +4,9 @@
 //
 // Thread safety: every member may be called from any thread. The host normally drives the session
 // from one thread while engine threads and video timer threads deliver events into the registry.
-// lastError and displayName are guarded by stateMutex_; the registry has its own lock. No lock of
+// The last-error text is per thread (each thread reads the outcome of its own latest validated
+// command, so the library's own commands on engine threads never overwrite the host's);
+// displayName is guarded by stateMutex_; the registry has its own lock. No lock of
 // ours is held while an engine function or the delegate runs, so a host may call any entry point
 // from inside a callback and an engine may call back from inside SetRoot.
 #ifndef CONVOKE_MEETING_CONVOKE_H
@@ -45,7 +47,7 @@ class Convoke {
                    const std::string& displayName, std::function<void(bool)> completion);
   // Disconnects both engines, stops every video timer task and empties the registry.
   void exitMeeting();
-  // The outcome text of the latest validated command ("" before the first).
+  // The outcome text of the calling thread's latest validated command ("" before the first).
   std::string getLastError() const;
   std::string getDisplayName() const;
 
@@ -114,7 +116,6 @@ class Convoke {
   void readEngineError(int (*getLastError)(char*, int));
 
   mutable std::mutex stateMutex_;
-  std::string lastError;    // guarded by stateMutex_
   std::string displayName;  // guarded by stateMutex_
 };
 

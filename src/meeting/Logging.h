@@ -1,6 +1,7 @@
 // The library's one log sink. Every message of the meeting layer goes through loggingCallback at
 // level 6 to the session delegate's logMessage; the engines' trace lines can be routed to it as
-// well (Convoke::enableInlineAudioVideoLogging). Safe to call from any thread.
+// well (Convoke::enableInlineAudioVideoLogging). Safe to call from any thread; nothing the delegate
+// throws leaves loggingCallback.
 #ifndef CONVOKE_MEETING_LOGGING_H
 #define CONVOKE_MEETING_LOGGING_H
 

@@ -206,8 +206,7 @@ bool VideoEvents::processVideoStreamRemoved(kt::XMLElement* event) {
     std::unique_lock<std::mutex> lock(tasksMutex_);
     auto task = timerTasks.find(id);
     if (task != timerTasks.end()) {
-      std::shared_ptr<VideoTimerTask::State> state = task->second.state();
-      state->stopped.store(true);
+      task->second.state()->requestStop();
       timerTasks.erase(task);
       lock.unlock();
       logLine("Convoke: TimerTask: Stopping TimerTask for streamID " + id);
@@ -249,49 +248,53 @@ bool VideoEvents::processVideoUpdateConditions(kt::XMLElement* event) {
 // ---- timer tasks -----------------------------------------------------------------------------
 
 void VideoEvents::stopTaskForStreamId(const std::string& streamId) {
-  bool found = false;
+  std::shared_ptr<VideoTimerTask::State> stopped;
   {
     std::lock_guard<std::mutex> lock(tasksMutex_);
     auto task = timerTasks.find(streamId);
     if (task != timerTasks.end()) {
-      task->second.state()->stopped.store(true);
+      stopped = task->second.state();
+      stopped->requestStop();
       timerTasks.erase(task);
-      found = true;
     }
   }
-  if (found) {
+  if (stopped) {
     logLine("Convoke: TimerTask: Stopping TimerTask for streamID " + streamId);
+    stopped->awaitNoCallback();
   } else {
     logLine("Convoke: stopTaskForStreamId:  Could not find timer task for streamId: " + streamId);
   }
 }
 
 void VideoEvents::stopTasks() {
-  std::vector<std::string> stopped;
+  std::vector<std::shared_ptr<VideoTimerTask::State>> stopped;
   {
     std::lock_guard<std::mutex> lock(tasksMutex_);
     for (auto& entry : timerTasks) {
-      entry.second.state()->stopped.store(true);
-      stopped.push_back(entry.first);
+      entry.second.state()->requestStop();
+      stopped.push_back(entry.second.state());
     }
     timerTasks.clear();
   }
-  for (const std::string& id : stopped) {
-    logLine("Convoke: TimerTask: Stopping TimerTask for streamID " + id);
+  for (const auto& state : stopped) {
+    logLine("Convoke: TimerTask: Stopping TimerTask for streamID " + state->streamId);
   }
+  for (const auto& state : stopped) state->awaitNoCallback();
 }
 
 void VideoEvents::pauseTask(const std::string& streamId) {
-  bool found = false;
+  std::shared_ptr<VideoTimerTask::State> paused;
   {
     std::lock_guard<std::mutex> lock(tasksMutex_);
     auto task = timerTasks.find(streamId);
     if (task != timerTasks.end()) {
-      task->second.state()->stopped.store(true);
-      found = true;
+      paused = task->second.state();
+      paused->requestStop();
     }
   }
-  if (found) logLine("Convoke: TimerTask: Stopping TimerTask for streamID " + streamId);
+  if (!paused) return;
+  logLine("Convoke: TimerTask: Stopping TimerTask for streamID " + streamId);
+  paused->awaitNoCallback();
 }
 
 void VideoEvents::resumeTask(const std::string& streamId) {
@@ -300,11 +303,11 @@ void VideoEvents::resumeTask(const std::string& streamId) {
   if (task != timerTasks.end()) task->second.run();
 }
 
-std::shared_ptr<VideoTimerTask::State> VideoEvents::registeredState(
-    const std::string& streamId) const {
+bool VideoEvents::isRegisteredOrAbsent(const std::string& streamId,
+                                       const VideoTimerTask::State* state) const {
   std::lock_guard<std::mutex> lock(tasksMutex_);
   auto task = timerTasks.find(streamId);
-  return task == timerTasks.end() ? nullptr : task->second.state();
+  return task == timerTasks.end() || task->second.state().get() == state;
 }
 
 std::size_t VideoEvents::taskCount() const {

@@ -44,12 +44,15 @@ class VideoEvents {
   void stopTaskForStreamId(const std::string& streamId);
   // Stops every task in stream-id order, then erases them all.
   void stopTasks();
-  // stop() / run() on the registered task of a stream; nothing when there is none.
+  // Stop / run() on the registered task of a stream; nothing when there is none.
   void pauseTask(const std::string& streamId);
   void resumeTask(const std::string& streamId);
+  // stopTaskForStreamId, stopTasks and pauseTask return only when no frame callback of the tasks
+  // they stopped runs (except the caller's own, when called from inside it); a callback never
+  // begins afterwards.
 
-  // The state of the task registered for a stream, or null.
-  std::shared_ptr<VideoTimerTask::State> registeredState(const std::string& streamId) const;
+  // True when the task registered for a stream is the one with this state, or none is.
+  bool isRegisteredOrAbsent(const std::string& streamId, const VideoTimerTask::State* state) const;
   std::size_t taskCount() const;
 
   Convoke* const meeting;

@@ -1,20 +1,31 @@
 // Telmora::VideoTimerTask polls the video engine about every 33 ms for a new frame of one stream
 // and reports each ready frame to the delegate's videoFrameReady, on a detached thread of its own.
 //
-// Lifecycle: created (not running) -> run() -> polling -> stop() or deregistration -> stopping
-// (logs "Stopped for streamID", waits 2 s) -> thread ended. run() on a stopped task starts a new
-// thread on it (resume).
+// Lifecycle: created (not running) -> run() -> polling -> stop request or deregistration ->
+// stopping (logs "Stopped for streamID", waits up to 2 s) -> thread ended. A task never has more
+// than one thread: run() on a task whose thread still polls, or still waits after a stop, re-arms
+// that thread (which then polls again without a new "Stopped" line); only run() on a task whose
+// thread has ended starts a new one. So pause/resume pairs and re-announced buffers never multiply
+// the polling.
 //
-// Thread safety: the state a worker thread uses (stop flag, stream id, pixel buffer) is held by a
-// shared State owned jointly by the task object and every thread started on it, so the task may be
-// erased from its map right after stop() while the thread is still sleeping. The stop flag is
-// atomic; stop() never waits for the thread.
+// Frame barrier: State::stopAndWait() sets the stop flag and, unless it is called on the task's own
+// thread, waits until a frame callback in progress has returned; a callback never begins after the
+// flag is set (the flag is checked under the state's mutex right before the call).
+//
+// Thread safety: the state a worker thread uses is held by a shared State owned jointly by the
+// task object and its thread, so the task may be erased from its map right after a stop while the
+// thread is still sleeping. State is the truth for everything a thread does: the public
+// pixelBuffer and streamId fields are copies of the same values kept for readers of the task
+// object, and the public `thread` is never joinable (it is detached at once). No lock of the task
+// is held while the engine or the delegate runs.
 #ifndef CONVOKE_MEETING_VIDEOTIMERTASK_H
 #define CONVOKE_MEETING_VIDEOTIMERTASK_H
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -30,7 +41,26 @@ class VideoTimerTask {
         : streamId(std::move(streamId)), pixelBuffer(pixelBuffer), stopped(stopped) {}
     const std::string streamId;
     const uint64_t pixelBuffer;
+    // Read without the mutex on every pass; written under it, so that a frame callback cannot
+    // begin after a stop has been observed by stopAndWait.
     std::atomic<bool> stopped;
+
+    // Sets the stop flag (no waiting).
+    void requestStop();
+    // Sets the stop flag and waits until no frame callback of this task runs, unless the caller is
+    // the task's own thread inside its callback. Never call it with a lock held that a frame
+    // callback may need.
+    void stopAndWait();
+    // Waits for a frame callback in progress on another thread to return.
+    void awaitNoCallback();
+
+   private:
+    friend class VideoTimerTask;
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool threadAlive = false;        // guarded by mutex: a thread polls or waits after a stop
+    bool inCallback = false;         // guarded by mutex: the delegate's videoFrameReady is running
+    std::thread::id callbackThread;  // guarded by mutex: the thread running that callback
   };
 
   VideoTimerTask();
@@ -40,10 +70,14 @@ class VideoTimerTask {
   VideoTimerTask(const VideoTimerTask& other);
   VideoTimerTask& operator=(const VideoTimerTask&) = delete;
 
-  // Clears the stop flag and starts a detached worker thread on this task. Throws std::system_error
-  // when the thread cannot be created.
+  // Clears the stop flag; starts a detached worker thread unless the task's thread is still alive
+  // (polling or in its stop wait), which then simply goes on polling. Throws std::system_error when
+  // a thread cannot be created.
   void run();
-  // Logs and sets the stop flag; the worker ends at its next pass.
+  // Logs and sets the stop flag; the worker ends at its next pass. VideoEvents stops its tasks
+  // through their State under its map lock and logs after releasing it, so the library itself does
+  // not call this; it is kept on purpose as the task's own stop for code that holds a task object
+  // outside the map (tests, tools).
   void stop();
 
   // The identity the worker threads compare with the registered task of their stream.
@@ -60,8 +94,11 @@ class VideoTimerTask {
 
  private:
   static void loop(std::shared_ptr<State> state, Convoke* meeting, VideoEvents* videoEvents);
-  static void poll(State& taskState, const std::shared_ptr<State>& state, Convoke* meeting,
-                   VideoEvents* videoEvents);
+  // Polls until stopped; returns true when it ended because the task is no longer the registered
+  // one of its stream.
+  static bool poll(const std::shared_ptr<State>& state, Convoke* meeting, VideoEvents* videoEvents);
+  // Reports one frame unless a stop came first.
+  static void reportFrame(State& state, Convoke* meeting);
 
   std::shared_ptr<State> state_;
 };

@@ -76,6 +76,21 @@ TEST_F(SessionTest, GeneratedLocalUuidDependsOnTheKeyLength) {
   EXPECT_NE(engineCalls("VideoConnect\t").at(0).find("\tgiven-id\t"), std::string::npos);
 }
 
+TEST_F(SessionTest, ASecondJoinUnderTheSameUuidKeepsTheEntryAndReportsTheNewParticipant) {
+  ASSERT_TRUE(join("ann@example.com"));
+  videoEvent(videoSiteChanged("v1", "ann@example.com", "Ann cam", true, 64, 36));
+  joinMeeting("srv", "room", "key", "ann@example.com", "Ann Again",
+              [](bool ok) { EXPECT_TRUE(ok); });
+  EXPECT_EQ(Recorder::instance().matching("participantAdded:"),
+            (std::vector<std::string>{"participantAdded:ann@example.com",
+                                      "participantAdded:ann@example.com"}));
+  // The entry filed first is kept, with its stream.
+  const char* site = nullptr;
+  getParticipantString("ann@example.com", InfoKeySite, &site);
+  EXPECT_STREQ(site, "Ann");
+  EXPECT_EQ(getParticipantVideoInfoCount("ann@example.com"), 1u);
+}
+
 TEST_F(SessionTest, RefusedVideoConnectionFailsTheJoinWithoutAParticipant) {
   ktsim_set_connect_result(KTSIM_VIDEO, false);
   EXPECT_FALSE(join());

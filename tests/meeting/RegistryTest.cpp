@@ -1,6 +1,7 @@
 // The registry's indexes must give exactly the answers of a walk in key order.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "meeting/Participant.h"
@@ -87,22 +88,47 @@ TEST(Registry, SnapshotsStayValidWhileTheRegistryChanges) {
 TEST(Registry, ConcurrentUpdatesAndLookupsAreSafe) {
   Registry registry;
   std::atomic<bool> done{false};
+  std::atomic<int> hits{0};
+  std::atomic<int> inconsistent{0};
   std::thread reader([&] {
-    Participant out;
     while (!done.load()) {
-      registry.findByAudioStreamId("a1", out);
-      registry.findByVideoStreamId("v1", out);
+      // Whatever a lookup finds is one whole record: a key "p<n>" owning both streams.
+      Participant audio;
+      if (registry.findByAudioStreamId("a1", audio)) {
+        hits.fetch_add(1);
+        if (audio.uuid.compare(0, 1, "p") != 0 || audio.audioInfo.streamId != "a1" ||
+            audio.videoInfos.count("v1") != 1) {
+          inconsistent.fetch_add(1);
+        }
+      }
+      Participant video;
+      if (registry.findByVideoStreamId("v1", video) && video.audioInfo.streamId != "a1") {
+        inconsistent.fetch_add(1);
+      }
     }
   });
+  // Seven keys, each inserted and erased in turn; present[] follows what the registry must hold.
+  int present[7] = {0};
   for (int i = 0; i < 2000; ++i) {
     const std::string key = "p" + std::to_string(i % 7);
-    registry.update([&](Registry::Editor& e) {
-      if (!e.insert(key, withStreams(key, "a1", {"v1"}))) e.erase(key);
+    const bool inserted = registry.update([&](Registry::Editor& e) {
+      if (e.insert(key, withStreams(key, "a1", {"v1"}))) return true;
+      e.erase(key);
+      return false;
     });
+    present[i % 7] = inserted ? 1 : 0;
   }
   done.store(true);
   reader.join();
-  SUCCEED();
+  EXPECT_EQ(inconsistent.load(), 0);
+  EXPECT_GT(hits.load(), 0);
+  std::size_t expected = 0;
+  for (int k = 0; k < 7; ++k) {
+    const bool there = registry.snapshotByKey("p" + std::to_string(k)) != nullptr;
+    EXPECT_EQ(there, present[k] == 1) << k;
+    expected += present[k];
+  }
+  EXPECT_EQ(registry.size(), expected);
 }
 
 }  // namespace

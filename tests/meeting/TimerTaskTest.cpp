@@ -28,7 +28,10 @@ class RecordingDelegate : public MeetingDelegate {
   void participantVideoUpdated(const Participant&, std::string) override {}
   void participantVideoRemoved(const Participant&, std::string) override {}
   void participantVideoRemoteLayoutChanged(const Participant&, std::string) override {}
-  void videoStreamBufferReady(std::string, void*) override {}
+  void videoStreamBufferReady(std::string id, void* buffer) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    buffers.push_back(id + ":" + std::to_string(reinterpret_cast<uintptr_t>(buffer)));
+  }
   void videoFrameReady(std::string id, void* buffer) override {
     std::lock_guard<std::mutex> lock(mutex);
     frames.push_back(id + ":" + std::to_string(reinterpret_cast<uintptr_t>(buffer)));
@@ -59,6 +62,7 @@ class RecordingDelegate : public MeetingDelegate {
 
   std::mutex mutex;
   std::vector<std::string> frames;
+  std::vector<std::string> buffers;
   std::vector<std::string> logs;
 };
 
@@ -95,11 +99,80 @@ class TimerTaskTest : public ::testing::Test {
 TEST_F(TimerTaskTest, ReadyFramesReachTheDelegateWithTheFirstBufferHandle) {
   ktsim_set_frame_ready("v1", 1);
   bufferReady("v1", "7");
+  ASSERT_TRUE(waitUntil([&] { return delegate.frameCount() >= 1; }));
   bufferReady("v1", "8");  // keeps the first task and its handle
-  ASSERT_TRUE(waitUntil([&] { return delegate.frameCount() >= 3; }));
+  const std::size_t announced = delegate.frameCount();
+  ASSERT_TRUE(waitUntil([&] { return delegate.frameCount() >= announced + 3; }));
   EXPECT_EQ(VideoEvents::sharedInstance()->taskCount(), 1u);
   std::lock_guard<std::mutex> lock(delegate.mutex);
+  // Both announcements reached the host with their own handle...
+  EXPECT_EQ(delegate.buffers, (std::vector<std::string>{"v1:7", "v1:8"}));
+  // ...and every frame, before and after the second one, carries the first.
+  ASSERT_GE(delegate.frames.size(), announced + 3);
   for (const std::string& frame : delegate.frames) EXPECT_EQ(frame, "v1:7");
+}
+
+// Frame callbacks and polls of stream v1 per second, over `window`.
+struct Rates {
+  double frames;
+  double polls;
+};
+Rates ratesOf(RecordingDelegate& delegate, std::chrono::milliseconds window = 1000ms) {
+  const std::size_t frames = delegate.frameCount();
+  const unsigned long polls = ktsim_frame_polls("v1");
+  std::this_thread::sleep_for(window);
+  const double seconds = window.count() / 1000.0;
+  return {(delegate.frameCount() - frames) / seconds, (ktsim_frame_polls("v1") - polls) / seconds};
+}
+
+// About 30 per second, one frame per poll; the bounds only catch a stalled or a second poller.
+void expectOnePoller(const Rates& rates, const char* when) {
+  EXPECT_GT(rates.polls, 15.0) << when;
+  EXPECT_LT(rates.polls, 45.0) << when;
+  EXPECT_LE(rates.frames, rates.polls + 1) << when;
+  EXPECT_GT(rates.frames, 15.0) << when;
+}
+
+TEST_F(TimerTaskTest, AStreamKeepsOnePollerThroughReannouncementsPausesAndReEnables) {
+  ktsim_set_frame_ready("v1", 1);
+  bufferReady("v1", "7");
+  ASSERT_TRUE(waitUntil([&] { return delegate.frameCount() >= 1; }));
+  const Rates alone = ratesOf(delegate);
+  expectOnePoller(alone, "alone");
+  RecordProperty("frames_per_s_alone", std::to_string(alone.frames));
+
+  for (int i = 0; i < 20; ++i) bufferReady("v1", "7");
+  EXPECT_EQ(VideoTimerTask::runningThreads(), 1);
+  const Rates reannounced = ratesOf(delegate);
+  expectOnePoller(reannounced, "after 20 re-announcements");
+  RecordProperty("frames_per_s_after_20_reannouncements", std::to_string(reannounced.frames));
+
+  for (int i = 0; i < 20; ++i) {
+    Convoke::sharedInstance()->pauseVideoFrameProcessing("v1");
+    Convoke::sharedInstance()->resumeVideoFrameProcessing("v1");
+  }
+  EXPECT_EQ(VideoTimerTask::runningThreads(), 1);
+  const Rates resumed = ratesOf(delegate);
+  expectOnePoller(resumed, "after 20 pause/resume pairs");
+  RecordProperty("frames_per_s_after_20_pause_resume_pairs", std::to_string(resumed.frames));
+
+  // A resume after the thread has logged its stop re-arms the same thread.
+  Convoke::sharedInstance()->pauseVideoFrameProcessing("v1");
+  ASSERT_TRUE(
+      waitUntil([&] { return delegate.logged("Convoke: TimerTask: Stopped for streamID v1"); }));
+  Convoke::sharedInstance()->resumeVideoFrameProcessing("v1");
+  EXPECT_EQ(VideoTimerTask::runningThreads(), 1);
+  expectOnePoller(ratesOf(delegate), "after a late resume");
+
+  // Disable/enable cycles: a stopped task's thread polls no more while it waits out its stop.
+  for (int i = 0; i < 20; ++i) {
+    VideoEvents::sharedInstance()->stopTaskForStreamId("v1");
+    bufferReady("v1", "7");
+  }
+  EXPECT_EQ(VideoEvents::sharedInstance()->taskCount(), 1u);
+  expectOnePoller(ratesOf(delegate), "after 20 disable/enable cycles");
+  // The stopped ones end within their wait; the registered one goes on alone.
+  EXPECT_TRUE(waitUntil([] { return VideoTimerTask::runningThreads() == 1; }));
 }
 
 TEST_F(TimerTaskTest, StopThenEraseEndsTheThreadWithoutAnotherFrame) {
