@@ -12,15 +12,14 @@ namespace Telmora {
 namespace {
 
 const EventRoute<AudioEvents> kAudioRoutes[] = {
-    CONVOKE_ROUTE(AudioEvents, "audio_site_changed", &AudioEvents::processAudioSiteChanged),
-    CONVOKE_ROUTE(AudioEvents, "audio_stream_removed", &AudioEvents::processAudioStreamRemoved),
-    CONVOKE_ROUTE(AudioEvents, "amplitude", &AudioEvents::processAmplitude),
-    CONVOKE_ROUTE(AudioEvents, "input_meter", &AudioEvents::processInputMeter),
-    CONVOKE_ROUTE(AudioEvents, "output_meter", &AudioEvents::processOutputMeter),
-    CONVOKE_ROUTE(AudioEvents, "audio_update_conditions",
-                  &AudioEvents::processAudioUpdateConditions),
-    CONVOKE_ROUTE(AudioEvents, "binary_playback_ended", &AudioEvents::processBinaryPlaybackEnded),
-    CONVOKE_ROUTE(AudioEvents, "binary_playback_failed", &AudioEvents::processBinaryPlaybackFailed),
+    CONVOKE_ROUTE(AudioEvents, "audio_site_changed", processAudioSiteChanged),
+    CONVOKE_ROUTE(AudioEvents, "audio_stream_removed", processAudioStreamRemoved),
+    CONVOKE_ROUTE(AudioEvents, "amplitude", processAmplitude),
+    CONVOKE_ROUTE(AudioEvents, "input_meter", processInputMeter),
+    CONVOKE_ROUTE(AudioEvents, "output_meter", processOutputMeter),
+    CONVOKE_ROUTE(AudioEvents, "audio_update_conditions", processAudioUpdateConditions),
+    CONVOKE_ROUTE(AudioEvents, "binary_playback_ended", processBinaryPlaybackEnded),
+    CONVOKE_ROUTE(AudioEvents, "binary_playback_failed", processBinaryPlaybackFailed),
 };
 
 void routeAudio(kt::XMLElement* event, const std::string& name) {
@@ -29,7 +28,24 @@ void routeAudio(kt::XMLElement* event, const std::string& name) {
   }
 }
 
+bool routeAudioFlat(const FlatEvent& document, FlatEvent::Node event, const Text& name) {
+  return dispatchFlat(kAudioRoutes, AudioEvents::sharedInstance(), document, event, name);
+}
+
+const EngineRouter kAudioRouter = {
+    "Convoke: audioCallback: Could not find event data element",
+    "audioCallback, can't find event name",
+    "Convoke: audioCallback: ",
+    routeAudio,
+    routeAudioFlat,
+};
+
+// The level of a meter element's text, truncated to 8 bits.
+unsigned char level(const Text& text) { return static_cast<unsigned char>(text.number()); }
+
 }  // namespace
+
+void routeAudioEvent(const char* xml, EventPath path) { routeEvent(xml, kAudioRouter, path); }
 
 AudioEvents* AudioEvents::sharedInstance() {
   static AudioEvents* const instance = new AudioEvents();
@@ -39,20 +55,47 @@ AudioEvents* AudioEvents::sharedInstance() {
 AudioEvents::AudioEvents() : meeting(Convoke::sharedInstance()) {}
 
 bool AudioEvents::processAudioSiteChanged(kt::XMLElement* event) {
+  return processAudioSiteChangedOn(TreeDocument(), event);
+}
+bool AudioEvents::processAudioStreamRemoved(kt::XMLElement* event) {
+  return processAudioStreamRemovedOn(TreeDocument(), event);
+}
+bool AudioEvents::processAmplitude(kt::XMLElement* event) {
+  return processAmplitudeOn(TreeDocument(), event);
+}
+bool AudioEvents::processInputMeter(kt::XMLElement* event) {
+  return processInputMeterOn(TreeDocument(), event);
+}
+bool AudioEvents::processOutputMeter(kt::XMLElement* event) {
+  return processOutputMeterOn(TreeDocument(), event);
+}
+bool AudioEvents::processAudioUpdateConditions(kt::XMLElement* event) {
+  return processAudioUpdateConditionsOn(TreeDocument(), event);
+}
+bool AudioEvents::processBinaryPlaybackEnded(kt::XMLElement* event) {
+  return processBinaryPlaybackEndedOn(TreeDocument(), event);
+}
+bool AudioEvents::processBinaryPlaybackFailed(kt::XMLElement* event) {
+  return processBinaryPlaybackFailedOn(TreeDocument(), event);
+}
+
+template <class D>
+bool AudioEvents::processAudioSiteChangedOn(const D& document, typename D::Node event) {
   std::string id;
-  const kt::XMLElement* stream = findStream(event, "processAudioSiteChanged", id);
+  typename D::Node stream = findStream(document, event, "processAudioSiteChanged", id);
   if (stream == nullptr) return false;
-  const kt::XMLElement* site = stream->FindElementByName("site");
-  const kt::XMLElement* email = stream->FindElementByName("email");
+  typename D::Node site = document.child(stream, "site");
+  typename D::Node email = document.child(stream, "email");
   if (site == nullptr || email == nullptr) {
-    logLine("Convoke: processAudioSiteChanged: could not find either site or email element");
+    logFixed("Convoke: processAudioSiteChanged: could not find either site or email element");
     return false;
   }
-  const AudioInfo info(id, site->value);
+  const std::string siteText = document.text(site).str();
+  const AudioInfo info(id, siteText);
   // Every announced stream starts at half volume.
   meeting->setAudioStreamVolume(id, 50);
 
-  const std::string& uuid = email->value;
+  const std::string uuid = document.text(email).str();
   bool existed = false;
   bool hadStream = false;
   ParticipantSnapshot entry = meeting->participants.update([&](Registry::Editor& registry) {
@@ -62,7 +105,7 @@ bool AudioEvents::processAudioSiteChanged(kt::XMLElement* event) {
       hadStream = !known->audioInfo.streamId.empty();
       registry.setAudioInfo(uuid, info);
     } else {
-      Participant participant(uuid, site->value, false);
+      Participant participant(uuid, siteText, false);
       participant.audioInfo = info;
       registry.insert(uuid, participant);
     }
@@ -84,9 +127,10 @@ bool AudioEvents::processAudioSiteChanged(kt::XMLElement* event) {
   return true;
 }
 
-bool AudioEvents::processAudioStreamRemoved(kt::XMLElement* event) {
+template <class D>
+bool AudioEvents::processAudioStreamRemovedOn(const D& document, typename D::Node event) {
   std::string id;
-  if (findStream(event, "processAudioStreamRemoved", id) == nullptr) return false;
+  if (findStream(document, event, "processAudioStreamRemoved", id) == nullptr) return false;
   ParticipantSnapshot removed = meeting->participants.update([&](Registry::Editor& registry) {
     const std::string* key = registry.firstKeyByAudioStreamId(id);
     if (key == nullptr) return ParticipantSnapshot();
@@ -99,118 +143,111 @@ bool AudioEvents::processAudioStreamRemoved(kt::XMLElement* event) {
   return true;
 }
 
-bool AudioEvents::processAmplitude(kt::XMLElement* event) {
-  const kt::XMLElement* stream = event->FindElementByName("stream");
-  if (stream == nullptr) {
-    logLine("Convoke: processAmplitude: could not find stream element");
+template <class D>
+bool AudioEvents::processAmplitudeOn(const D& document, typename D::Node event) {
+  std::string id;
+  typename D::Node stream = findStream(document, event, "processAmplitude", id);
+  if (stream == nullptr) return false;
+  Text muted;
+  if (!document.attribute(stream, "muted", muted)) {
+    logFixed("Convoke: processAmplitude: could not find muted attribute");
     return false;
   }
-  const kt::XMLAttribute* id = stream->FindAttributeByName("id");
-  if (id == nullptr) {
-    logLine("Convoke: processAmplitude: could not find stream id");
-    return false;
-  }
-  const kt::XMLAttribute* muted = stream->FindAttributeByName("muted");
-  if (muted == nullptr) {
-    logLine("Convoke: processAmplitude: could not find muted attribute");
-    return false;
-  }
-  const kt::XMLElement* amplitude = stream->FindElementByName("amplitude");
+  typename D::Node amplitude = document.child(stream, "amplitude");
   if (amplitude == nullptr) {
-    logLine("Convoke: processAmplitude: could not find amplitude element");
+    logFixed("Convoke: processAmplitude: could not find amplitude element");
     return false;
   }
-  ParticipantSnapshot found;
+  bool found = false;
+  std::string unregisteredUuid;
   ParticipantSnapshot registered =
-      meeting->participants.registeredByAudioStreamId(id->value, found);
+      meeting->participants.registeredByAudioStreamId(id, found, unregisteredUuid);
   if (!found) {
-    logLine("Convoke: processAmplitude: could not find participant for this stream: " + id->value);
+    logLine("Convoke: processAmplitude: could not find participant for this stream: " + id);
     return false;
   }
   MeetingDelegate* delegate = meeting->delegate.load();
   if (delegate == nullptr) return true;
   if (!registered) {
     logLine("Convoke: processAmplitude:  Could not find real participant object for user UUID: " +
-            found->uuid);
+            unregisteredUuid);
     return true;
   }
-  delegate->participantAmplitudeChanged(
-      *registered, static_cast<unsigned char>(elementNumber(amplitude)), muted->value == "true");
+  delegate->participantAmplitudeChanged(*registered, level(document.text(amplitude)),
+                                        muted.equals("true"));
   return true;
 }
 
-bool AudioEvents::processInputMeter(kt::XMLElement* event) {
-  const kt::XMLElement* meter = event->FindElementByName("meter");
+template <class D>
+bool AudioEvents::processInputMeterOn(const D& document, typename D::Node event) {
+  typename D::Node meter = document.child(event, "meter");
   if (meter == nullptr) {
-    logLine("Convoke: processInputMeter: could not find meter element");
+    logFixed("Convoke: processInputMeter: could not find meter element");
     return false;
   }
   MeetingDelegate* delegate = meeting->delegate.load();
-  if (delegate != nullptr)
-    delegate->inputMeterChanged(static_cast<unsigned char>(elementNumber(meter)));
+  if (delegate != nullptr) delegate->inputMeterChanged(level(document.text(meter)));
   return true;
 }
 
-bool AudioEvents::processOutputMeter(kt::XMLElement* event) {
-  const kt::XMLElement* meter = event->FindElementByName("meter");
+template <class D>
+bool AudioEvents::processOutputMeterOn(const D& document, typename D::Node event) {
+  typename D::Node meter = document.child(event, "meter");
   if (meter == nullptr) {
-    logLine("Convoke: processOutputMeter: could not find meter element");
+    logFixed("Convoke: processOutputMeter: could not find meter element");
     return false;
   }
   MeetingDelegate* delegate = meeting->delegate.load();
-  if (delegate != nullptr) {
-    delegate->outputMeterChanged(static_cast<unsigned char>(elementNumber(meter)));
-  }
+  if (delegate != nullptr) delegate->outputMeterChanged(level(document.text(meter)));
   return true;
 }
 
-bool AudioEvents::processAudioUpdateConditions(kt::XMLElement* event) {
-  const kt::XMLElement* conditions = event->FindElementByName("conditions");
+template <class D>
+bool AudioEvents::processAudioUpdateConditionsOn(const D& document, typename D::Node event) {
+  typename D::Node conditions = document.child(event, "conditions");
   if (conditions == nullptr) {
-    logLine("Convoke: processAudioUpdateConditions: could not find conditions element");
+    logFixed("Convoke: processAudioUpdateConditions: could not find conditions element");
     return false;
   }
   AudioCondition condition;
-  condition.received = childNumber(conditions, "received");
-  condition.sent = childNumber(conditions, "sent");
-  condition.dataBytesDropped = childNumber(conditions, "data_bytes_dropped");
-  condition.ctrlBytesDropped = childNumber(conditions, "ctrl_bytes_dropped");
-  condition.cpuUsage = childNumber(conditions, "cpu_usage");
-  condition.bars = childNumber(conditions, "bars");
-  const kt::XMLElement* upstream = conditions->FindElementByName("upstream");
-  condition.upstreamLoss = attributeNumber(upstream, "loss");
-  condition.upstreamLatency = attributeNumber(upstream, "latency");
-  const kt::XMLElement* downstream = conditions->FindElementByName("downstream");
-  condition.downstreamLoss = attributeNumber(downstream, "loss");
-  condition.downstreamLatency = attributeNumber(downstream, "latency");
+  readLinkFigures(document, conditions, condition);
+  typename D::Node upstream = document.child(conditions, "upstream");
+  condition.upstreamLoss = attributeNumber(document, upstream, "loss");
+  condition.upstreamLatency = attributeNumber(document, upstream, "latency");
+  typename D::Node downstream = document.child(conditions, "downstream");
+  condition.downstreamLoss = attributeNumber(document, downstream, "loss");
+  condition.downstreamLatency = attributeNumber(document, downstream, "latency");
   MeetingDelegate* delegate = meeting->delegate.load();
   if (delegate != nullptr) delegate->audioConditionUpdate(condition);
   return true;
 }
 
-bool AudioEvents::processBinaryPlaybackEnded(kt::XMLElement* event) {
-  const kt::XMLElement* data = event->FindElementByName("data");
+template <class D>
+bool AudioEvents::processBinaryPlaybackEndedOn(const D& document, typename D::Node event) {
+  typename D::Node data = document.child(event, "data");
   if (data == nullptr) {
-    logLine("Convoke: processBinaryPlaybackEnded: could not find data element");
+    logFixed("Convoke: processBinaryPlaybackEnded: could not find data element");
     return false;
   }
   MeetingDelegate* delegate = meeting->delegate.load();
   if (delegate != nullptr) {
-    delegate->binaryPlaybackEnded(static_cast<unsigned long long>(std::atoll(data->value.c_str())));
+    delegate->binaryPlaybackEnded(
+        static_cast<unsigned long long>(document.text(data).longNumber()));
   }
   return true;
 }
 
-bool AudioEvents::processBinaryPlaybackFailed(kt::XMLElement* event) {
-  const kt::XMLElement* data = event->FindElementByName("data");
+template <class D>
+bool AudioEvents::processBinaryPlaybackFailedOn(const D& document, typename D::Node event) {
+  typename D::Node data = document.child(event, "data");
   if (data == nullptr) {
-    logLine("Convoke: processBinaryPlaybackFailed: could not find data element");
+    logFixed("Convoke: processBinaryPlaybackFailed: could not find data element");
     return false;
   }
   MeetingDelegate* delegate = meeting->delegate.load();
   if (delegate != nullptr) {
     delegate->binaryPlaybackFailed(
-        static_cast<unsigned long long>(std::atoll(data->value.c_str())));
+        static_cast<unsigned long long>(document.text(data).longNumber()));
   }
   return true;
 }
@@ -218,7 +255,5 @@ bool AudioEvents::processBinaryPlaybackFailed(kt::XMLElement* event) {
 }  // namespace Telmora
 
 extern "C" void audioCallback(void*, const char* xml) {
-  Telmora::routeEvent(xml, "Convoke: audioCallback: Could not find event data element",
-                      "audioCallback, can't find event name",
-                      "Convoke: audioCallback: ", Telmora::routeAudio);
+  Telmora::routeAudioEvent(xml, Telmora::EventPath::kFastWhenCanonical);
 }

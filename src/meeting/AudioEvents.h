@@ -19,6 +19,11 @@ extern "C" CONVOKE_API void audioCallback(void* context, const char* xml);
 namespace Telmora {
 
 class Convoke;
+enum class EventPath;
+
+// What audioCallback does, with the choice of path (the scan of canonical documents, or the tree
+// only) left to the caller: tests compare the two.
+void routeAudioEvent(const char* xml, EventPath path);
 
 class AudioEvents {
  public:
@@ -34,6 +39,25 @@ class AudioEvents {
   bool processAudioUpdateConditions(kt::XMLElement* event);
   bool processBinaryPlaybackEnded(kt::XMLElement* event);
   bool processBinaryPlaybackFailed(kt::XMLElement* event);
+
+  // The bodies of the handlers above, on either kind of event document (EventDocument.h): the tree
+  // handlers run them on the tree, the router also on a scan of a canonical document.
+  template <class D>
+  bool processAudioSiteChangedOn(const D& document, typename D::Node event);
+  template <class D>
+  bool processAudioStreamRemovedOn(const D& document, typename D::Node event);
+  template <class D>
+  bool processAmplitudeOn(const D& document, typename D::Node event);
+  template <class D>
+  bool processInputMeterOn(const D& document, typename D::Node event);
+  template <class D>
+  bool processOutputMeterOn(const D& document, typename D::Node event);
+  template <class D>
+  bool processAudioUpdateConditionsOn(const D& document, typename D::Node event);
+  template <class D>
+  bool processBinaryPlaybackEndedOn(const D& document, typename D::Node event);
+  template <class D>
+  bool processBinaryPlaybackFailedOn(const D& document, typename D::Node event);
 
   Convoke* const meeting;
 

@@ -3,8 +3,6 @@
 #include <cstring>
 #include <exception>
 
-#include "meeting/Logging.h"
-
 namespace Telmora {
 
 namespace {
@@ -17,46 +15,54 @@ void logDropped(const char* prefix, const char* reason) noexcept {
   }
 }
 
+// The scan of a canonical document, when its event has a route: returns true once the handler ran.
+bool routeFlat(const char* text, std::size_t length, const EngineRouter& router) {
+  FlatEvent document;
+  if (!document.scan(text, length)) return false;
+  FlatEvent::Node event = document.root();
+  Text name;
+  if (!FlatEvent::nameEquals(event->name, "event") || !document.attribute(event, "name", name)) {
+    return false;  // the tree path logs what is missing
+  }
+  return router.routeFlat(document, event, name);
+}
+
+void routeTree(const char* text, std::size_t length, const EngineRouter& router) {
+  kt::XMLElement root;
+  if (text != nullptr) kt::ParseXMLBuffer(text, length, root);
+  kt::XMLElement* event = root.FindElementByName("event");
+  if (event == nullptr) {
+    logLine(router.missingEvent);
+    return;
+  }
+  const kt::XMLAttribute* name = event->FindAttributeByName("name");
+  if (name == nullptr) {
+    logLine(router.missingName);
+    return;
+  }
+  router.route(event, name->value);
+}
+
 }  // namespace
 
-void routeEvent(const char* text, const char* missingEvent, const char* missingName,
-                const char* boundaryPrefix,
-                void (*route)(kt::XMLElement* event, const std::string& name)) {
+void routeEvent(const char* text, const EngineRouter& router, EventPath path) {
   try {
-    kt::XMLElement root;
-    if (text != nullptr) kt::ParseXMLBuffer(text, std::strlen(text), root);
-    kt::XMLElement* event = root.FindElementByName("event");
-    if (event == nullptr) {
-      logLine(missingEvent);
+    const std::size_t length = text != nullptr ? std::strlen(text) : 0;
+    if (path == EventPath::kFastWhenCanonical && text != nullptr &&
+        routeFlat(text, length, router)) {
       return;
     }
-    const kt::XMLAttribute* name = event->FindAttributeByName("name");
-    if (name == nullptr) {
-      logLine(missingName);
-      return;
-    }
-    route(event, name->value);
+    routeTree(text, length, router);
   } catch (const std::exception& e) {
-    logDropped(boundaryPrefix, e.what());
+    logDropped(router.boundaryPrefix, e.what());
   } catch (...) {
-    logDropped(boundaryPrefix, "unknown exception");
+    logDropped(router.boundaryPrefix, "unknown exception");
   }
 }
 
-// The "stream" element of an event and its "id"; logs the handler's message for what is missing.
-const kt::XMLElement* findStream(kt::XMLElement* event, const char* handler, std::string& id) {
-  const kt::XMLElement* stream = event->FindElementByName("stream");
-  if (stream == nullptr) {
-    logLine(std::string("Convoke: ") + handler + ": could not find stream element");
-    return nullptr;
-  }
-  const kt::XMLAttribute* attribute = stream->FindAttributeByName("id");
-  if (attribute == nullptr) {
-    logLine(std::string("Convoke: ") + handler + ": could not find stream id");
-    return nullptr;
-  }
-  id = attribute->value;
-  return stream;
+void logMissingStream(const char* handler, bool element) {
+  logLine(std::string("Convoke: ") + handler +
+          (element ? ": could not find stream element" : ": could not find stream id"));
 }
 
 }  // namespace Telmora

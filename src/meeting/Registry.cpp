@@ -15,7 +15,7 @@ bool Registry::Editor::insert(const std::string& key, const Participant& partici
   auto result = r_.participants_.emplace(key, nullptr);
   if (!result.second) return false;
   result.first->second = std::make_shared<const Participant>(participant);
-  r_.indexParticipant(key, participant);
+  r_.indexParticipant(result.first);
   return true;
 }
 
@@ -35,11 +35,9 @@ void Registry::Editor::setAudioInfo(const std::string& key, const AudioInfo& inf
   auto it = r_.participants_.find(key);
   if (it == r_.participants_.end()) return;
   std::shared_ptr<Participant> copy = mutableCopy(key);
-  auto& keys = r_.audioIndex_[copy->audioInfo.streamId];
-  keys.erase(key);
-  if (keys.empty()) r_.audioIndex_.erase(copy->audioInfo.streamId);
+  dropFromIndex(r_.audioIndex_, copy->audioInfo.streamId, key);
   copy->audioInfo = info;
-  r_.audioIndex_[info.streamId].insert(key);
+  addToIndex(r_.audioIndex_, info.streamId, it);
   it->second = std::move(copy);
 }
 
@@ -50,7 +48,7 @@ bool Registry::Editor::addVideoInfo(const std::string& key, const VideoInfo& inf
   }
   std::shared_ptr<Participant> copy = mutableCopy(key);
   copy->videoInfos.emplace(info.streamId, info);
-  r_.videoIndex_[info.streamId].insert(key);
+  addToIndex(r_.videoIndex_, info.streamId, it);
   it->second = std::move(copy);
   return true;
 }
@@ -60,15 +58,18 @@ bool Registry::Editor::eraseVideoInfo(const std::string& key, const std::string&
   if (it == r_.participants_.end() || it->second->videoInfos.count(streamId) == 0) return false;
   std::shared_ptr<Participant> copy = mutableCopy(key);
   copy->videoInfos.erase(streamId);
-  auto index = r_.videoIndex_.find(streamId);
-  index->second.erase(key);
-  if (index->second.empty()) r_.videoIndex_.erase(index);
+  dropFromIndex(r_.videoIndex_, streamId, key);
   it->second = std::move(copy);
   return true;
 }
 
 const std::string* Registry::Editor::firstKeyByVideoStreamId(const std::string& streamId) const {
   return r_.firstKey(r_.videoIndex_, streamId);
+}
+
+const std::pair<const std::string, ParticipantSnapshot>*
+Registry::Editor::firstEntryByVideoStreamId(const std::string& streamId) const {
+  return r_.firstEntry(r_.videoIndex_, streamId);
 }
 
 const std::string* Registry::Editor::firstKeyByAudioStreamId(const std::string& streamId) const {
@@ -89,10 +90,28 @@ ParticipantSnapshot Registry::Editor::snapshot(const std::string& key) const {
 
 // ---- Registry -------------------------------------------------------------------------------
 
-const std::string* Registry::firstKey(const Index& index, const std::string& streamId) const {
+const Registry::Entries::value_type* Registry::firstEntry(const Index& index,
+                                                          const std::string& streamId) const {
   auto it = index.find(streamId);
   if (it == index.end() || it->second.empty()) return nullptr;
-  return &*it->second.begin();
+  return &**it->second.begin();
+}
+
+const std::string* Registry::firstKey(const Index& index, const std::string& streamId) const {
+  const Entries::value_type* entry = firstEntry(index, streamId);
+  return entry == nullptr ? nullptr : &entry->first;
+}
+
+void Registry::addToIndex(Index& index, const std::string& streamId, Entry entry) {
+  index[streamId].insert(entry);
+}
+
+void Registry::dropFromIndex(Index& index, const std::string& streamId, const std::string& key) {
+  auto it = index.find(streamId);
+  if (it == index.end()) return;
+  auto found = it->second.find(key);
+  if (found != it->second.end()) it->second.erase(found);
+  if (it->second.empty()) index.erase(it);
 }
 
 ParticipantSnapshot Registry::snapshotLocked(const std::string* key) const {
@@ -101,20 +120,15 @@ ParticipantSnapshot Registry::snapshotLocked(const std::string* key) const {
   return it == participants_.end() ? nullptr : it->second;
 }
 
-void Registry::indexParticipant(const std::string& key, const Participant& p) {
-  audioIndex_[p.audioInfo.streamId].insert(key);
-  for (const auto& entry : p.videoInfos) videoIndex_[entry.first].insert(key);
+void Registry::indexParticipant(Entry entry) {
+  const Participant& p = *entry->second;
+  addToIndex(audioIndex_, p.audioInfo.streamId, entry);
+  for (const auto& video : p.videoInfos) addToIndex(videoIndex_, video.first, entry);
 }
 
 void Registry::unindexParticipant(const std::string& key, const Participant& p) {
-  auto drop = [&key](Index& index, const std::string& streamId) {
-    auto it = index.find(streamId);
-    if (it == index.end()) return;
-    it->second.erase(key);
-    if (it->second.empty()) index.erase(it);
-  };
-  drop(audioIndex_, p.audioInfo.streamId);
-  for (const auto& entry : p.videoInfos) drop(videoIndex_, entry.first);
+  dropFromIndex(audioIndex_, p.audioInfo.streamId, key);
+  for (const auto& video : p.videoInfos) dropFromIndex(videoIndex_, video.first, key);
 }
 
 bool Registry::findByKey(const std::string& key, Participant& out) const {
@@ -171,19 +185,28 @@ ParticipantSnapshot Registry::snapshotByKey(const std::string& key) const {
 
 ParticipantSnapshot Registry::snapshotByAudioStreamId(const std::string& streamId) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return snapshotLocked(firstKey(audioIndex_, streamId));
+  const Entries::value_type* entry = firstEntry(audioIndex_, streamId);
+  return entry == nullptr ? nullptr : entry->second;
 }
 
 ParticipantSnapshot Registry::snapshotByVideoStreamId(const std::string& streamId) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return snapshotLocked(firstKey(videoIndex_, streamId));
+  const Entries::value_type* entry = firstEntry(videoIndex_, streamId);
+  return entry == nullptr ? nullptr : entry->second;
 }
 
-ParticipantSnapshot Registry::registeredByAudioStreamId(const std::string& streamId,
-                                                        ParticipantSnapshot& found) const {
+ParticipantSnapshot Registry::registeredByAudioStreamId(const std::string& streamId, bool& found,
+                                                        std::string& unregisteredUuid) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  found = snapshotLocked(firstKey(audioIndex_, streamId));
-  return found ? snapshotLocked(&found->uuid) : nullptr;
+  const Entries::value_type* entry = firstEntry(audioIndex_, streamId);
+  found = entry != nullptr;
+  if (entry == nullptr) return nullptr;
+  const std::string& uuid = entry->second->uuid;
+  // A remote participant is filed under its own UUID; only local streams may be filed elsewhere.
+  if (uuid == entry->first) return entry->second;
+  ParticipantSnapshot registered = snapshotLocked(&uuid);
+  if (!registered) unregisteredUuid = uuid;
+  return registered;
 }
 
 std::size_t Registry::size() const {

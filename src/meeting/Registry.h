@@ -51,6 +51,10 @@ class Registry {
     bool modifyVideoInfo(const std::string& key, const std::string& streamId, F&& change);
     // The key of the first participant (in key order) holding the video stream, or null.
     const std::string* firstKeyByVideoStreamId(const std::string& streamId) const;
+    // The first participant (in key order) holding the video stream, with the key it is stored
+    // under, found through the index without a search of the map; null when there is none.
+    const std::pair<const std::string, ParticipantSnapshot>* firstEntryByVideoStreamId(
+        const std::string& streamId) const;
     // The key of the first participant whose audio stream id equals streamId, or null.
     const std::string* firstKeyByAudioStreamId(const std::string& streamId) const;
     // The uuid of the first local participant in key order, or "" when there is none.
@@ -89,27 +93,43 @@ class Registry {
   ParticipantSnapshot snapshotByAudioStreamId(const std::string& streamId) const;
   ParticipantSnapshot snapshotByVideoStreamId(const std::string& streamId) const;
 
-  // The first participant holding an audio stream (found, null on a miss) and, under the same lock,
-  // the participant registered under found's UUID (the result, null when there is none).
-  ParticipantSnapshot registeredByAudioStreamId(const std::string& streamId,
-                                                ParticipantSnapshot& found) const;
+  // Under one lock: finds the first participant holding an audio stream (found tells whether there
+  // is one) and returns the participant registered under that one's UUID, or null. When the found
+  // participant's UUID is not registered, it is copied into unregisteredUuid. Copies no record.
+  ParticipantSnapshot registeredByAudioStreamId(const std::string& streamId, bool& found,
+                                                std::string& unregisteredUuid) const;
 
   std::size_t size() const;
   // Erases every participant, first to last.
   void clear();
 
  private:
-  using Index = std::unordered_map<std::string, std::set<std::string>>;  // stream id -> keys
+  using Entries = std::map<std::string, std::shared_ptr<const Participant>>;
+  using Entry = Entries::iterator;  // stable until its entry is erased
+  // Entries in key order, also found by key alone.
+  struct ByKey {
+    using is_transparent = void;
+    bool operator()(Entry a, Entry b) const { return a->first < b->first; }
+    bool operator()(Entry a, const std::string& b) const { return a->first < b; }
+    bool operator()(const std::string& a, Entry b) const { return a < b->first; }
+  };
+  // stream id -> the entries holding it, in key order. An index points at the map's entries, so
+  // a stream lookup costs one hash lookup and no search of the map.
+  using Index = std::unordered_map<std::string, std::set<Entry, ByKey>>;
 
+  // The first entry holding the stream, or null.
+  const Entries::value_type* firstEntry(const Index& index, const std::string& streamId) const;
   const std::string* firstKey(const Index& index, const std::string& streamId) const;
   ParticipantSnapshot snapshotLocked(const std::string* key) const;
-  void indexParticipant(const std::string& key, const Participant& p);
+  static void addToIndex(Index& index, const std::string& streamId, Entry entry);
+  static void dropFromIndex(Index& index, const std::string& streamId, const std::string& key);
+  void indexParticipant(Entry entry);
   void unindexParticipant(const std::string& key, const Participant& p);
 
   mutable std::mutex mutex_;
-  std::map<std::string, std::shared_ptr<const Participant>> participants_;  // guarded by mutex_
-  Index audioIndex_;                                                        // guarded by mutex_
-  Index videoIndex_;                                                        // guarded by mutex_
+  Entries participants_;  // guarded by mutex_
+  Index audioIndex_;      // guarded by mutex_
+  Index videoIndex_;      // guarded by mutex_
 };
 
 template <class F>

@@ -13,15 +13,13 @@ namespace Telmora {
 namespace {
 
 const EventRoute<VideoEvents> kVideoRoutes[] = {
-    CONVOKE_ROUTE(VideoEvents, "video_site_changed", &VideoEvents::processVideoSiteChanged),
-    CONVOKE_ROUTE(VideoEvents, "video_stream_buffer_ready",
-                  &VideoEvents::processVideoStreamBufferReady),
-    CONVOKE_ROUTE(VideoEvents, "video_stream_size_changed",
-                  &VideoEvents::processVideoStreamSizeChanged),
-    CONVOKE_ROUTE(VideoEvents, "remote_layout_changed", &VideoEvents::processRemoteLayoutChanged),
-    CONVOKE_ROUTE(VideoEvents, "video_stream_removed", &VideoEvents::processVideoStreamRemoved),
+    CONVOKE_ROUTE(VideoEvents, "video_site_changed", processVideoSiteChanged),
+    CONVOKE_ROUTE(VideoEvents, "video_stream_buffer_ready", processVideoStreamBufferReady),
+    CONVOKE_ROUTE(VideoEvents, "video_stream_size_changed", processVideoStreamSizeChanged),
+    CONVOKE_ROUTE(VideoEvents, "remote_layout_changed", processRemoteLayoutChanged),
+    CONVOKE_ROUTE(VideoEvents, "video_stream_removed", processVideoStreamRemoved),
     // Recognised and dropped: condition updates of the video link are not reported.
-    CONVOKE_ROUTE(VideoEvents, "video_update_conditions", nullptr),
+    CONVOKE_DROPPED_ROUTE(VideoEvents, "video_update_conditions"),
 };
 
 void routeVideo(kt::XMLElement* event, const std::string& name) {
@@ -30,7 +28,27 @@ void routeVideo(kt::XMLElement* event, const std::string& name) {
   }
 }
 
+bool routeVideoFlat(const FlatEvent& document, FlatEvent::Node event, const Text& name) {
+  return dispatchFlat(kVideoRoutes, VideoEvents::sharedInstance(), document, event, name);
+}
+
+const EngineRouter kVideoRouter = {
+    "Convoke: videoCallback: Could not find event data element",
+    "Convoke: videoCallback, can't find event name",
+    "Convoke: videoCallback: ",
+    routeVideo,
+    routeVideoFlat,
+};
+
+// The text of an optional element, empty when it is missing.
+template <class D>
+std::string optionalText(const D& document, typename D::Node element) {
+  return element != nullptr ? document.text(element).str() : std::string();
+}
+
 }  // namespace
+
+void routeVideoEvent(const char* xml, EventPath path) { routeEvent(xml, kVideoRouter, path); }
 
 VideoEvents* VideoEvents::sharedInstance() {
   // Never destroyed: detached timer threads may look tasks up while the process exits.
@@ -41,38 +59,60 @@ VideoEvents* VideoEvents::sharedInstance() {
 VideoEvents::VideoEvents() : meeting(Convoke::sharedInstance()) {}
 
 bool VideoEvents::processVideoSiteChanged(kt::XMLElement* event) {
+  return processVideoSiteChangedOn(TreeDocument(), event);
+}
+bool VideoEvents::processVideoStreamBufferReady(kt::XMLElement* event) {
+  return processVideoStreamBufferReadyOn(TreeDocument(), event);
+}
+bool VideoEvents::processVideoStreamSizeChanged(kt::XMLElement* event) {
+  return processVideoStreamSizeChangedOn(TreeDocument(), event);
+}
+bool VideoEvents::processRemoteLayoutChanged(kt::XMLElement* event) {
+  return processRemoteLayoutChangedOn(TreeDocument(), event);
+}
+bool VideoEvents::processVideoStreamRemoved(kt::XMLElement* event) {
+  return processVideoStreamRemovedOn(TreeDocument(), event);
+}
+bool VideoEvents::processVideoUpdateConditions(kt::XMLElement* event) {
+  return processVideoUpdateConditionsOn(TreeDocument(), event);
+}
+
+template <class D>
+bool VideoEvents::processVideoSiteChangedOn(const D& document, typename D::Node event) {
   std::string id;
-  const kt::XMLElement* stream = findStream(event, "processVideoSiteChanged", id);
+  typename D::Node stream = findStream(document, event, "processVideoSiteChanged", id);
   if (stream == nullptr) return false;
-  const kt::XMLElement* email = stream->FindElementByName("email");
-  const kt::XMLElement* active = stream->FindElementByName("active");
-  const kt::XMLElement* name = stream->FindElementByName("name");
-  const kt::XMLElement* local = stream->FindElementByName("local");
-  const kt::XMLElement* layout = stream->FindElementByName("layout");
-  const kt::XMLElement* width = stream->FindElementByName("width");
-  const kt::XMLElement* height = stream->FindElementByName("height");
+  typename D::Node email = document.child(stream, "email");
+  typename D::Node active = document.child(stream, "active");
+  typename D::Node name = document.child(stream, "name");
+  typename D::Node local = document.child(stream, "local");
+  typename D::Node layout = document.child(stream, "layout");
+  typename D::Node width = document.child(stream, "width");
+  typename D::Node height = document.child(stream, "height");
   if (email == nullptr || active == nullptr || name == nullptr || local == nullptr ||
       layout == nullptr || width == nullptr || height == nullptr) {
-    logLine("Convoke: processVideoSiteChanged:  Missing required element");
+    logFixed("Convoke: processVideoSiteChanged:  Missing required element");
     return false;
   }
-  const kt::XMLElement* deviceName = stream->FindElementByName("device_name");
-  const kt::XMLElement* codecName = stream->FindElementByName("codecName");
-  const kt::XMLElement* site = stream->FindElementByName("site");
+  typename D::Node deviceName = document.child(stream, "device_name");
+  typename D::Node codecName = document.child(stream, "codecName");
+  typename D::Node site = document.child(stream, "site");
 
-  std::string displayName = name->value;
-  if (local->value == "true" && deviceName != nullptr) displayName = deviceName->value;
-  const std::string siteText = site != nullptr ? site->value : std::string();
-  const VideoInfo info(id, siteText, displayName,
-                       codecName != nullptr ? codecName->value : std::string(), local->value,
-                       active->value, layout->value, width->value, height->value);
-  const Participant announced(email->value, siteText, info.local);
+  const std::string localText = document.text(local).str();
+  std::string displayName = document.text(name).str();
+  if (localText == "true" && deviceName != nullptr) displayName = document.text(deviceName).str();
+  const std::string siteText = optionalText(document, site);
+  const VideoInfo info(id, siteText, displayName, optionalText(document, codecName), localText,
+                       document.text(active).str(), document.text(layout).str(),
+                       document.text(width).str(), document.text(height).str());
+  const std::string emailText = document.text(email).str();
+  const Participant announced(emailText, siteText, info.local);
 
   bool added = false;
   bool isNew = false;
   ParticipantSnapshot entry = meeting->participants.update([&](Registry::Editor& registry) {
     // Local streams are filed under the local participant, whatever the event's e-mail says.
-    const std::string key = info.local ? registry.localUuid() : email->value;
+    const std::string key = info.local ? registry.localUuid() : emailText;
     if (registry.find(key) == nullptr) {
       Participant participant = announced;
       participant.videoInfos.emplace(id, info);
@@ -95,17 +135,18 @@ bool VideoEvents::processVideoSiteChanged(kt::XMLElement* event) {
   return true;
 }
 
-bool VideoEvents::processVideoStreamBufferReady(kt::XMLElement* event) {
+template <class D>
+bool VideoEvents::processVideoStreamBufferReadyOn(const D& document, typename D::Node event) {
   std::string id;
-  const kt::XMLElement* stream = findStream(event, "processVideoStreamBufferReady", id);
+  typename D::Node stream = findStream(document, event, "processVideoStreamBufferReady", id);
   if (stream == nullptr) return false;
-  const kt::XMLAttribute* pixelBuffer = stream->FindAttributeByName("pixel_buffer");
-  if (pixelBuffer == nullptr) {
-    logLine("Convoke: processVideoStreamBufferReady: could not find pixel_buffer ");
+  Text pixelBuffer;
+  if (!document.attribute(stream, "pixel_buffer", pixelBuffer)) {
+    logFixed("Convoke: processVideoStreamBufferReady: could not find pixel_buffer ");
     return false;
   }
   // Text that is not a number throws here; the callback boundary catches it.
-  const uint64_t handle = std::stoull(pixelBuffer->value, nullptr, 10);
+  const uint64_t handle = std::stoull(pixelBuffer.str(), nullptr, 10);
 
   meeting->participants.update([&](Registry::Editor& registry) {
     const std::string* key = registry.firstKeyByVideoStreamId(id);
@@ -126,24 +167,25 @@ bool VideoEvents::processVideoStreamBufferReady(kt::XMLElement* event) {
   return true;
 }
 
-bool VideoEvents::processVideoStreamSizeChanged(kt::XMLElement* event) {
+template <class D>
+bool VideoEvents::processVideoStreamSizeChangedOn(const D& document, typename D::Node event) {
   std::string id;
-  const kt::XMLElement* stream = findStream(event, "processVideoStreamSizeChanged", id);
+  typename D::Node stream = findStream(document, event, "processVideoStreamSizeChanged", id);
   if (stream == nullptr) return false;
-  const kt::XMLElement* window = stream->FindElementByName("window");
+  typename D::Node window = document.child(stream, "window");
   if (window == nullptr) {
-    logLine("Convoke: processVideoStreamSizeChanged: could not find window element");
+    logFixed("Convoke: processVideoStreamSizeChanged: could not find window element");
     return false;
   }
-  const kt::XMLElement* width = window->FindElementByName("width");
-  const kt::XMLElement* height = window->FindElementByName("height");
+  typename D::Node width = document.child(window, "width");
+  typename D::Node height = document.child(window, "height");
   if (width == nullptr || height == nullptr) {
-    logLine(
+    logFixed(
         "Convoke: processVideoStreamSizeChanged:  could not find either width or height element");
     return false;
   }
-  const int32_t newWidth = elementNumber(width);
-  const int32_t newHeight = elementNumber(height);
+  const int32_t newWidth = document.text(width).number();
+  const int32_t newHeight = document.text(height).number();
   enum class Outcome { kNoStream, kStored, kNoParticipant, kNoVideoInfo };
   const Outcome outcome = meeting->participants.update([&](Registry::Editor& registry) {
     const std::string* key = registry.firstKeyByVideoStreamId(id);
@@ -157,51 +199,74 @@ bool VideoEvents::processVideoStreamSizeChanged(kt::XMLElement* event) {
     return stored ? Outcome::kStored : Outcome::kNoVideoInfo;
   });
   if (outcome == Outcome::kNoVideoInfo) {
-    logLine(
+    logFixed(
         "Convoke: processVideoStreamSizeChanged:  could not find Video Info record to update with "
         "new width/height");
   } else if (outcome == Outcome::kNoParticipant) {
-    logLine(
+    logFixed(
         "Convoke: processVideoStreamSizeChanged:  could not find Participant record to update with "
         "new width/height");
   }
   return true;
 }
 
-bool VideoEvents::processRemoteLayoutChanged(kt::XMLElement* event) {
+template <class D>
+bool VideoEvents::processRemoteLayoutChangedOn(const D& document, typename D::Node event) {
   std::string id;
-  const kt::XMLElement* stream = findStream(event, "processRemoteLayoutChanged", id);
+  typename D::Node stream = findStream(document, event, "processRemoteLayoutChanged", id);
   if (stream == nullptr) return false;
-  const kt::XMLElement* layout = stream->FindElementByName("layout");
+  typename D::Node layout = document.child(stream, "layout");
   if (layout == nullptr) {
-    logLine("Convoke: processRemoteLayoutChanged: could not find layout element");
+    logFixed("Convoke: processRemoteLayoutChanged: could not find layout element");
     return false;
   }
-  logLine("Convoke: processRemoteLayoutChanged: new layout constant is: " + layout->value);
-  ParticipantSnapshot found = meeting->participants.snapshotByVideoStreamId(id);
+  const Text layoutText = document.text(layout);
+  logLine("Convoke: processRemoteLayoutChanged: new layout constant is: " + layoutText.str());
+  const uint8_t value = static_cast<uint8_t>(layoutText.number());
+  // The participant holding the stream, and whether the one registered under its UUID holds it.
+  ParticipantSnapshot found;
+  bool registered = false;
+  bool hasStream = false;
+  meeting->participants.update([&](Registry::Editor& registry) {
+    const auto* holder = registry.firstEntryByVideoStreamId(id);
+    if (holder == nullptr) return;
+    found = holder->second;
+    // A participant is normally stored under its own UUID: then it is the registered one.
+    const Participant* entry =
+        holder->first == found->uuid ? found.get() : registry.find(found->uuid);
+    registered = entry != nullptr;
+    hasStream = registered && entry->videoInfos.count(id) != 0;
+  });
   if (!found) return true;
-  ParticipantSnapshot registered = meeting->participants.snapshotByKey(found->uuid);
   if (registered) {
-    logLine("Convoke: processRemoteLayoutChanged: Found participant, now looking for videoINfo ");
-    if (registered->videoInfos.count(id) != 0) {
-      logLine("Convoke: processRemoteLayoutChanged: found videoInfo iterator");
-      const uint8_t value = static_cast<uint8_t>(elementNumber(layout));
-      meeting->participants.update([&](Registry::Editor& registry) {
-        registry.modifyVideoInfo(found->uuid, id,
-                                 [value](VideoInfo& video) { video.layout = value; });
-      });
-    }
+    logFixed("Convoke: processRemoteLayoutChanged: Found participant, now looking for videoINfo ");
+    if (hasStream) logFixed("Convoke: processRemoteLayoutChanged: found videoInfo iterator");
   }
+  // The layout is written only when it changes (a write copies the participant's record), and the
+  // entry to report is taken under the same lock.
+  ParticipantSnapshot entry = meeting->participants.update([&](Registry::Editor& registry) {
+    const auto* holder = registry.firstEntryByVideoStreamId(id);
+    const bool direct = holder != nullptr && holder->first == found->uuid;
+    const Participant* stored = direct ? holder->second.get() : registry.find(found->uuid);
+    if (hasStream && stored != nullptr) {
+      auto video = stored->videoInfos.find(id);
+      if (video != stored->videoInfos.end() && video->second.layout != value) {
+        registry.modifyVideoInfo(found->uuid, id,
+                                 [value](VideoInfo& info) { info.layout = value; });
+      }
+    }
+    // A write replaces the snapshot inside the same map entry, so holder shows the new one.
+    return direct ? holder->second : registry.snapshot(found->uuid);
+  });
   MeetingDelegate* delegate = meeting->delegate.load();
-  if (delegate == nullptr) return true;
-  ParticipantSnapshot entry = meeting->participants.snapshotByKey(found->uuid);
-  if (entry) delegate->participantVideoRemoteLayoutChanged(*entry, id);
+  if (delegate != nullptr && entry) delegate->participantVideoRemoteLayoutChanged(*entry, id);
   return true;
 }
 
-bool VideoEvents::processVideoStreamRemoved(kt::XMLElement* event) {
+template <class D>
+bool VideoEvents::processVideoStreamRemovedOn(const D& document, typename D::Node event) {
   std::string id;
-  if (findStream(event, "processVideoStreamRemoved", id) == nullptr) return false;
+  if (findStream(document, event, "processVideoStreamRemoved", id) == nullptr) return false;
   {
     std::unique_lock<std::mutex> lock(tasksMutex_);
     auto task = timerTasks.find(id);
@@ -219,7 +284,7 @@ bool VideoEvents::processVideoStreamRemoved(kt::XMLElement* event) {
   }
   MeetingDelegate* delegate = meeting->delegate.load();
   if (delegate != nullptr) {
-    logLine("Convoke: processVideoStreamRemoved: calling participantVideoRemoved");
+    logFixed("Convoke: processVideoStreamRemoved: calling participantVideoRemoved");
     delegate->participantVideoRemoved(*found, id);
   }
   meeting->participants.update(
@@ -227,19 +292,15 @@ bool VideoEvents::processVideoStreamRemoved(kt::XMLElement* event) {
   return true;
 }
 
-bool VideoEvents::processVideoUpdateConditions(kt::XMLElement* event) {
-  const kt::XMLElement* conditions = event->FindElementByName("conditions");
+template <class D>
+bool VideoEvents::processVideoUpdateConditionsOn(const D& document, typename D::Node event) {
+  typename D::Node conditions = document.child(event, "conditions");
   if (conditions == nullptr) {
-    logLine("Convoke: processVideoUpdateConditions: could not find conditions element");
+    logFixed("Convoke: processVideoUpdateConditions: could not find conditions element");
     return false;
   }
   VideoCondition condition;
-  condition.received = childNumber(conditions, "received");
-  condition.sent = childNumber(conditions, "sent");
-  condition.dataBytesDropped = childNumber(conditions, "data_bytes_dropped");
-  condition.ctrlBytesDropped = childNumber(conditions, "ctrl_bytes_dropped");
-  condition.cpuUsage = childNumber(conditions, "cpu_usage");
-  condition.bars = childNumber(conditions, "bars");
+  readLinkFigures(document, conditions, condition);
   MeetingDelegate* delegate = meeting->delegate.load();
   if (delegate != nullptr) delegate->videoConditionUpdate(condition);
   return true;
@@ -318,7 +379,5 @@ std::size_t VideoEvents::taskCount() const {
 }  // namespace Telmora
 
 extern "C" void videoCallback(void*, const char* xml) {
-  Telmora::routeEvent(xml, "Convoke: videoCallback: Could not find event data element",
-                      "Convoke: videoCallback, can't find event name",
-                      "Convoke: videoCallback: ", Telmora::routeVideo);
+  Telmora::routeVideoEvent(xml, Telmora::EventPath::kFastWhenCanonical);
 }

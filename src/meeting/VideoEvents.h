@@ -25,6 +25,11 @@ extern "C" CONVOKE_API void videoCallback(void* context, const char* xml);
 namespace Telmora {
 
 class Convoke;
+enum class EventPath;
+
+// What videoCallback does, with the choice of path (the scan of canonical documents, or the tree
+// only) left to the caller: tests compare the two.
+void routeVideoEvent(const char* xml, EventPath path);
 
 class VideoEvents {
  public:
@@ -39,6 +44,21 @@ class VideoEvents {
   bool processVideoStreamRemoved(kt::XMLElement* event);
   // Available, but the router drops "video_update_conditions" events without calling it.
   bool processVideoUpdateConditions(kt::XMLElement* event);
+
+  // The bodies of the handlers above, on either kind of event document (EventDocument.h): the tree
+  // handlers run them on the tree, the router also on a scan of a canonical document.
+  template <class D>
+  bool processVideoSiteChangedOn(const D& document, typename D::Node event);
+  template <class D>
+  bool processVideoStreamBufferReadyOn(const D& document, typename D::Node event);
+  template <class D>
+  bool processVideoStreamSizeChangedOn(const D& document, typename D::Node event);
+  template <class D>
+  bool processRemoteLayoutChangedOn(const D& document, typename D::Node event);
+  template <class D>
+  bool processVideoStreamRemovedOn(const D& document, typename D::Node event);
+  template <class D>
+  bool processVideoUpdateConditionsOn(const D& document, typename D::Node event);
 
   // Stops and erases the task of a stream (logs when there is none).
   void stopTaskForStreamId(const std::string& streamId);
