@@ -277,46 +277,59 @@ XMLAttribute* XMLElement::AddAttribute(const XMLAttribute& a) {
   return added;
 }
 
-bool XMLElement::RemoveAttribute(const std::string& name) {
-  for (auto it = attributes.begin(); it != attributes.end(); ++it) {
-    if (NameEquals((*it)->name, name)) return EraseAt(attributes, it, FreeAttribute);
+namespace {
+
+// The removals below erase the first item of `items` that matches and release it.
+
+template <typename T>
+bool RemoveNamed(std::vector<T*>& items, const std::string& name, void (*release)(T*)) {
+  for (auto it = items.begin(); it != items.end(); ++it) {
+    if (NameEquals((*it)->name, name)) return EraseAt(items, it, release);
   }
   return false;
+}
+
+// Only the first item of the same name is considered: it is removed when its value matches too.
+template <typename T>
+bool RemoveEqual(std::vector<T*>& items, const T& item, void (*release)(T*)) {
+  for (auto it = items.begin(); it != items.end(); ++it) {
+    if (NameEquals((*it)->name, item.name)) {
+      return (*it)->value == item.value && EraseAt(items, it, release);
+    }
+  }
+  return false;
+}
+
+template <typename T>
+bool RemovePointer(std::vector<T*>& items, const T* p, void (*release)(T*)) {
+  auto it = std::find(items.begin(), items.end(), p);
+  return it != items.end() && EraseAt(items, it, release);
+}
+
+}  // namespace
+
+bool XMLElement::RemoveAttribute(const std::string& name) {
+  return RemoveNamed(attributes, name, FreeAttribute);
 }
 
 bool XMLElement::RemoveAttribute(const XMLAttribute& a) {
-  for (auto it = attributes.begin(); it != attributes.end(); ++it) {
-    if (NameEquals((*it)->name, a.name)) {
-      return (*it)->value == a.value && EraseAt(attributes, it, FreeAttribute);
-    }
-  }
-  return false;
+  return RemoveEqual(attributes, a, FreeAttribute);
 }
 
 bool XMLElement::RemoveAttribute(const XMLAttribute* p) {
-  auto it = std::find(attributes.begin(), attributes.end(), p);
-  return it != attributes.end() && EraseAt(attributes, it, FreeAttribute);
+  return RemovePointer(attributes, p, FreeAttribute);
 }
 
 bool XMLElement::RemoveElement(const std::string& name) {
-  for (auto it = children.begin(); it != children.end(); ++it) {
-    if (NameEquals((*it)->name, name)) return EraseAt(children, it, FreeElement);
-  }
-  return false;
+  return RemoveNamed(children, name, FreeElement);
 }
 
 bool XMLElement::RemoveElement(const XMLElement& e) {
-  for (auto it = children.begin(); it != children.end(); ++it) {
-    if (NameEquals((*it)->name, e.name)) {
-      return (*it)->value == e.value && EraseAt(children, it, FreeElement);
-    }
-  }
-  return false;
+  return RemoveEqual(children, e, FreeElement);
 }
 
 bool XMLElement::RemoveElement(const XMLElement* p) {
-  auto it = std::find(children.begin(), children.end(), p);
-  return it != children.end() && EraseAt(children, it, FreeElement);
+  return RemovePointer(children, p, FreeElement);
 }
 
 // --- XMLElement: building --------------------------------------------------------------------

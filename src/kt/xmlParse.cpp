@@ -276,22 +276,18 @@ class StreambufSource {
   // Once the buffer has reported its end, it is not asked again: the stream
   // would have set eofbit and read no more.
   int Look() {
-    if (at_end_) return EOF;
-    try {
-      const int next = buf_->sgetc();
-      if (next == EOF) at_end_ = true;
-      return next;
-    } catch (...) {
-      state_ |= kBad;
-      at_end_ = true;
-      return EOF;
-    }
+    return Guarded([this] { return buf_->sgetc(); });
   }
 
   int Bump() {
+    return Guarded([this] { return buf_->sbumpc(); });
+  }
+
+  template <typename Read>
+  int Guarded(Read read) {
     if (at_end_) return EOF;
     try {
-      const int next = buf_->sbumpc();
+      const int next = read();
       if (next == EOF) at_end_ = true;
       return next;
     } catch (...) {
