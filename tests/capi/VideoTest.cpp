@@ -82,7 +82,7 @@ TEST_F(VideoTest, SiteChangesFileStreamsAndTheQueriesReadThem) {
   videoEvent(videoSiteChanged("v2", "bob@example.com", "Other", false, 1, 1));
   // A local stream is filed under the local participant whatever its e-mail says.
   videoEvent(videoSiteChanged("l1", "someone@else", "ignored", true, 1280, 720,
-                              "<device_name>FaceTime HD</device_name>"));
+                              "<device_name>Lumen HD</device_name>"));
   EXPECT_EQ(Recorder::instance().lines(), (std::vector<std::string>{
                                               "participantAdded:ann@example.com",
                                               "participantAdded:bob@example.com",
@@ -115,7 +115,7 @@ TEST_F(VideoTest, SiteChangesFileStreamsAndTheQueriesReadThem) {
   EXPECT_TRUE(isScreenShare(out));
   EXPECT_FALSE(isScreenShare("Bob cam"));
   getVideoInfoString("l1", InfoKeyName, &out);
-  EXPECT_STREQ(out, "FaceTime HD");
+  EXPECT_STREQ(out, "Lumen HD");
   EXPECT_TRUE(getVideoInfoBool("l1", InfoKeyLocal));
   char owner[64];
   findParticipantByVideoStreamId("l1", owner, sizeof(owner));

@@ -288,10 +288,10 @@ TEST_F(ScriptedMeeting, CommandsAreHonouredOrRefusedWithAReason) {
       {KTSIM_AUDIO, "<audio><karaoke/></audio>", "Unsupported element <karaoke>"},
       {KTSIM_AUDIO, "<audio/>", "Empty <audio> command"},
       {KTSIM_VIDEO,
-       "<video><devices><device id=\"cam-facetime\"><enable>true</enable><site>Me"
-       "</site><name>cam-facetime</name><profile>8K (120FPS)</profile></device>"
+       "<video><devices><device id=\"cam-lumen\"><enable>true</enable><site>Me"
+       "</site><name>cam-lumen</name><profile>8K (120FPS)</profile></device>"
        "</devices></video>",
-       "Unsupported profile '8K (120FPS)' for video device 'cam-facetime'"},
+       "Unsupported profile '8K (120FPS)' for video device 'cam-lumen'"},
       {KTSIM_VIDEO,
        "<video><devices><device id=\"cam-x\"><enable>false</enable></device>"
        "</devices></video>",
@@ -342,22 +342,22 @@ TEST_F(ScriptedMeeting, CommandsAreHonouredOrRefusedWithAReason) {
 TEST_F(ScriptedMeeting, EnablingTheCameraAnnouncesALocalStreamAndDisablingRemovesIt) {
   ASSERT_TRUE(Join("camera?participants=0"));
   ASSERT_TRUE(VideoSetRoot(
-      "<video><devices><device id=\"cam-facetime\"><enable>true</enable><site>Me at home</site>"
-      "<name>cam-facetime</name><profile>H.264 720p (30FPS)</profile></device></devices>"
+      "<video><devices><device id=\"cam-lumen\"><enable>true</enable><site>Me at home</site>"
+      "<name>cam-lumen</name><profile>H.264 720p (30FPS)</profile></device></devices>"
       "</video>"));
   ASSERT_TRUE(WaitFor("video_site_changed", 1));
   const std::string e = Named(recorder().Snapshot(), "video_site_changed")[0];
   EXPECT_EQ(Field(e, "local"), "true");
   EXPECT_EQ(Field(e, "email"), kUuid);
   EXPECT_EQ(Field(e, "site"), "Me at home");
-  EXPECT_EQ(Field(e, "device_name"), "FaceTime HD Camera");
+  EXPECT_EQ(Field(e, "device_name"), "Lumen HD Camera");
   EXPECT_EQ(Field(e, "codecName"), "H.264 720p (30FPS)");
   EXPECT_EQ(Field(e, "width"), "1280");
   EXPECT_EQ(Field(e, "height"), "720");
   EXPECT_NE(std::string(VideoGetState()).find("<enabled>true</enabled>"), std::string::npos);
 
   ASSERT_TRUE(
-      VideoSetRoot("<video><devices><device id=\"cam-facetime\"><enable>false</enable>"
+      VideoSetRoot("<video><devices><device id=\"cam-lumen\"><enable>false</enable>"
                    "</device></devices></video>"));
   ASSERT_TRUE(WaitFor("video_stream_removed", 1));
   EXPECT_EQ(Attr(Named(recorder().Snapshot(), "video_stream_removed")[0], "id"), Attr(e, "id"));

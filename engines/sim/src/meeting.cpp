@@ -29,8 +29,8 @@ const char* const kSites[] = {"Berlin Office",      "Home Office",      "London 
                               "Conference Room 4B", "Tokyo Office",     "Remote",
                               "Lisbon Hub",         "Nairobi Office",   "Huddle Room 2",
                               "Toronto Office",     "Co-working Space", "Sydney Office"};
-const char* const kCameraModels[] = {"FaceTime HD Camera", "HD Pro Webcam C920",
-                                     "Integrated Webcam", "Brio 4K Stream", "USB Video Device"};
+const char* const kCameraModels[] = {"Lumen HD Camera", "Orbis VX20 Webcam", "Integrated Webcam",
+                                     "Orbis Quattro 4K", "USB Video Device"};
 struct CameraMode {
   const char* codec;
   int width, height;
@@ -177,24 +177,24 @@ Meeting& Meeting::Get() {
 Meeting::Meeting() { ResetDevicesLocked(); }
 
 void Meeting::ResetDevicesLocked() {
-  inputs_ = {{"mic-builtin", "MacBook Pro Microphone", true, false},
+  inputs_ = {{"mic-builtin", "Quillbook Microphone", true, false},
              {"mic-headset", "USB Headset Microphone", false, false},
              {"mic-array", "Conference Speakerphone", false, false}};
-  outputs_ = {{"spk-builtin", "MacBook Pro Speakers", true, false},
+  outputs_ = {{"spk-builtin", "Quillbook Speakers", true, false},
               {"spk-headset", "USB Headset", false, false},
-              {"spk-display", "Studio Display Speakers", false, false}};
+              {"spk-display", "Vantor Display Speakers", false, false}};
   cameras_ = {
-      {"cam-facetime",
-       "FaceTime HD Camera",
+      {"cam-lumen",
+       "Lumen HD Camera",
        false,
        {"H.264 360p (30FPS)", "H.264 720p (30FPS)", "VP8 720p (30FPS)"},
        ""},
-      {"cam-usb-c920",
-       "HD Pro Webcam C920",
+      {"cam-usb-vx20",
+       "Orbis VX20 Webcam",
        false,
        {"H.264 360p (30FPS)", "H.264 720p (30FPS)", "H.264 1080p (30FPS)"},
        ""},
-      {"screen-main", "Built-in Retina Display", true, {"VP8 4K (10FPS)", "ffv1 Lossless"}, ""}};
+      {"screen-main", "Built-in Lumen Display", true, {"VP8 4K (10FPS)", "ffv1 Lossless"}, ""}};
   volumes_.clear();
   switches_.clear();
 }
