@@ -7,36 +7,20 @@
 
 #include "ktsim/ktsim.h"
 #include "meeting/Convoke.h"
+#include "meeting/QuietDelegate.h"
 #include "meeting/Logging.h"
 
 namespace Telmora {
 namespace {
 
-class ThrowingLogDelegate : public MeetingDelegate {
+class ThrowingLogDelegate : public QuietDelegate {
  public:
-  void participantAdded(const Participant&) override {}
-  void participantRemoved(const Participant&) override {}
-  void participantAudioAdded(const Participant&) override {}
-  void participantAudioUpdated(const Participant&) override {}
-  void participantVideoAdded(const Participant&, std::string) override {}
-  void participantVideoUpdated(const Participant&, std::string) override {}
-  void participantVideoRemoved(const Participant&, std::string) override {}
-  void participantVideoRemoteLayoutChanged(const Participant&, std::string) override {}
-  void videoStreamBufferReady(std::string, void*) override {}
-  void videoFrameReady(std::string, void*) override {}
-  void inputMeterChanged(unsigned char) override {}
-  void outputMeterChanged(unsigned char) override {}
-  void participantAmplitudeChanged(const Participant&, unsigned char, bool) override {}
   void logMessage(unsigned int level, const std::string& text) override {
     calls.fetch_add(1);
     if (text == "throw runtime") throw std::runtime_error("from logMessage");
     if (text == "throw int") throw 42;
     lastLevel.store(level);
   }
-  void binaryPlaybackEnded(unsigned long long) override {}
-  void binaryPlaybackFailed(unsigned long long) override {}
-  void audioConditionUpdate(AudioCondition&) override {}
-  void videoConditionUpdate(VideoCondition&) override {}
 
   std::atomic<int> calls{0};
   std::atomic<unsigned> lastLevel{0};

@@ -9,6 +9,7 @@
 
 #include "ktsim/ktsim.h"
 #include "meeting/Convoke.h"
+#include "meeting/QuietDelegate.h"
 #include "meeting/VideoEvents.h"
 #include "meeting/VideoTimerTask.h"
 
@@ -18,16 +19,8 @@ namespace {
 using namespace std::chrono_literals;
 
 // Records frames and log lines; every other notification is ignored.
-class RecordingDelegate : public MeetingDelegate {
+class RecordingDelegate : public QuietDelegate {
  public:
-  void participantAdded(const Participant&) override {}
-  void participantRemoved(const Participant&) override {}
-  void participantAudioAdded(const Participant&) override {}
-  void participantAudioUpdated(const Participant&) override {}
-  void participantVideoAdded(const Participant&, std::string) override {}
-  void participantVideoUpdated(const Participant&, std::string) override {}
-  void participantVideoRemoved(const Participant&, std::string) override {}
-  void participantVideoRemoteLayoutChanged(const Participant&, std::string) override {}
   void videoStreamBufferReady(std::string id, void* buffer) override {
     std::lock_guard<std::mutex> lock(mutex);
     buffers.push_back(id + ":" + std::to_string(reinterpret_cast<uintptr_t>(buffer)));
@@ -36,17 +29,10 @@ class RecordingDelegate : public MeetingDelegate {
     std::lock_guard<std::mutex> lock(mutex);
     frames.push_back(id + ":" + std::to_string(reinterpret_cast<uintptr_t>(buffer)));
   }
-  void inputMeterChanged(unsigned char) override {}
-  void outputMeterChanged(unsigned char) override {}
-  void participantAmplitudeChanged(const Participant&, unsigned char, bool) override {}
   void logMessage(unsigned int level, const std::string& text) override {
     std::lock_guard<std::mutex> lock(mutex);
     logs.push_back(std::to_string(level) + " " + text);
   }
-  void binaryPlaybackEnded(unsigned long long) override {}
-  void binaryPlaybackFailed(unsigned long long) override {}
-  void audioConditionUpdate(AudioCondition&) override {}
-  void videoConditionUpdate(VideoCondition&) override {}
 
   std::size_t frameCount() {
     std::lock_guard<std::mutex> lock(mutex);
