@@ -1,20 +1,29 @@
 // The process-wide tracked allocator of the base library.
 //
 // Every block handed out by kt::MemoryManager is preceded, in the same system allocation, by a
-// Record that names the source file and line of the allocating statement. All live records form
-// one doubly linked list, newest first, so that outstanding allocations can be counted, summarised
-// per source location and dumped. The XML library allocates every node and attribute through it,
-// and the dispatcher releases owned callbacks through it.
+// Record that names the source file and line of the allocating statement, so that outstanding
+// allocations can be counted, summarised per source location and dumped. The XML library allocates
+// every node and attribute through it, and the dispatcher releases owned callbacks through it.
 //
-// Thread safety: every member function may be called from any thread at any time. The record list
-// is guarded by an internal lock held only for the few pointer updates of an insertion or removal,
-// or while a report walks the list. The public `head` field is the raw list; reading it directly is
-// only meaningful while no other thread allocates or releases (use Count, Summary or LeakReport
-// otherwise).
+// Where the records live: each thread files its allocations on a list of its own, so that threads
+// allocating at the same time never contend. The public `head` is the merged list of all records,
+// newest first. Gather, Summary, LeakReport and PrintLeaks move every record of every thread onto
+// it; records are then released from it wherever they are released. So `head`:
+//   - lists exactly the live records, newest first, right after one of those calls, and stays exact
+//     until the next Allocate from any thread (releases keep it exact: a released record leaves
+//     it);
+//   - is walked safely only while no other thread allocates or releases (a release unlinks);
+//   - orders records of one thread by allocation; records of different threads by the last merge,
+//     count or thread end that separates their allocations, and those of threads running between
+//     the same two such events by thread.
+// Count is exact at any time. Blocks may be released from any thread, also after the allocating
+// thread has ended; the records of an ended thread stay counted and listed.
+//
+// Thread safety: every member function may be called from any thread at any time. Reading `head`
+// directly is meaningful as described above.
 #ifndef KT_MEMORYMANAGER_H
 #define KT_MEMORYMANAGER_H
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -72,24 +81,27 @@ class CONVOKE_API MemoryManager {
   // REQUIRES: no other thread changes that list during the call (see Summary).
   static std::string Dump(const Record* head);
 
+  // Moves every live record onto `head` (see the top of this file) and returns it.
+  Record* Gather();
+
   // Number of live records.
   std::size_t Count() const;
-  // The leak report of the first 100 records from the head: per record a line with the address,
-  // size and source, then the bytes, 64 to a row ("." for unprintable ones). Empty for no records.
+  // The leak report of the first 100 records from the head, gathered first: per record a line with
+  // the address, size and source, then the bytes, 64 to a row ("." for unprintable ones). Empty for
+  // no records.
   std::string LeakReport() const;
-  // Dump of the current list, taken under the lock.
+  // Dump of all live records, gathered onto `head` first.
   std::string Summary() const;
 
-  Record* head;  // guarded by lock_
+  Record* head;  // the merged list; see the top of this file for when it is exact
 
  private:
-  class Lock;
   MemoryManager();
   MemoryManager(const MemoryManager&) = delete;
   MemoryManager& operator=(const MemoryManager&) = delete;
 
-  std::size_t count_;                    // guarded by lock_
-  mutable std::atomic<bool> lock_flag_;  // a spin lock: the critical sections are a few stores
+  // Moves every thread's records onto `head`. REQUIRES: the caller holds every list.
+  void MergeLocked();
 };
 
 }  // namespace kt

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -15,6 +17,10 @@
 namespace {
 
 using kt::MemoryManager;
+
+// The manager keeps a private tag of this size in front of each record, at the start of the
+// system allocation.
+constexpr std::size_t kTag = alignof(std::max_align_t);
 
 MemoryManager::Record* RecordOf(void* p) {
   return reinterpret_cast<MemoryManager::Record*>(static_cast<char*>(p) -
@@ -54,15 +60,22 @@ TEST(MemoryManager, AllocateFillsHeaderAndPutsNewestFirst) {
   EXPECT_EQ(r->line, 7);
   EXPECT_EQ(reinterpret_cast<std::uintptr_t>(a) % alignof(std::max_align_t), 0u);
 
-  // Newest first: c is the head, then b, then a.
+  // Newest first once gathered: c is the head, then b, then a.
+  EXPECT_EQ(m->Gather(), m->head);
   EXPECT_EQ(m->head, RecordOf(c));
   EXPECT_EQ(RecordOf(c)->next, RecordOf(b));
   EXPECT_EQ(RecordOf(b)->next, RecordOf(a));
   EXPECT_EQ(RecordOf(a)->prev, RecordOf(b));
 
-  m->Free(a, nullptr, 0);
+  // Releases keep the gathered list exact.
   m->Free(b, nullptr, 0);
+  EXPECT_EQ(m->head, RecordOf(c));
+  EXPECT_EQ(RecordOf(c)->next, RecordOf(a));
+  EXPECT_EQ(RecordOf(a)->prev, RecordOf(c));
   m->Free(c, nullptr, 0);
+  EXPECT_EQ(m->head, RecordOf(a));
+  EXPECT_EQ(RecordOf(a)->prev, nullptr);
+  m->Free(a, nullptr, 0);
   EXPECT_EQ(m->Count(), before);
 }
 
@@ -96,14 +109,25 @@ TEST(MemoryManager, FreeIgnoresNullForeignAndReleasedPointers) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   std::free(foreign);
 
-  // A released block's header is cleared before it goes back to the heap, so a second release of
-  // a block that has not been reused is recognised and ignored.
-  MemoryManager::Record record{};
-  record.magic = 0;
-  std::vector<char> fake(sizeof(MemoryManager::Record) + 8);
-  std::memcpy(fake.data(), &record, sizeof record);
-  m->Free(fake.data() + sizeof(MemoryManager::Record), "x", 5);
-  EXPECT_EQ(m->Count(), before);
+  // A block released twice is released once: the second release neither changes the count nor
+  // hands the block out again, whether the record was on the thread's own list, on the gathered
+  // list or is released again from another thread.
+  for (int where = 0; where < 3; ++where) {
+    void* twice = m->Allocate(40, "twice", where);
+    if (where == 1) m->Gather();
+    m->Free(twice, "x", 5);
+    if (where == 2) {
+      std::thread([m, twice] { m->Free(twice, "x", 6); }).join();
+    } else {
+      m->Free(twice, "x", 6);
+    }
+    EXPECT_EQ(m->Count(), before) << where;
+    void* x = m->Allocate(40, "after", 1);
+    void* y = m->Allocate(40, "after", 2);
+    EXPECT_NE(x, y) << where;
+    m->Free(x, "", 0);
+    m->Free(y, "", 0);
+  }
 }
 
 TEST(MemoryManager, EraseKeepsListConsistentAtHeadMiddleAndTail) {
@@ -210,7 +234,7 @@ TEST(MemoryManager, TwoThreadsAllocatingAndFreeingKeepTheAccounts) {
 
   EXPECT_EQ(m->Count(), before + keptA.size() + keptB.size());
   std::set<MemoryManager::Record*> listed;
-  for (MemoryManager::Record* r : Walk(m->head)) listed.insert(r);
+  for (MemoryManager::Record* r : Walk(m->Gather())) listed.insert(r);
   EXPECT_EQ(listed.size(), m->Count());
   for (void* p : keptA) EXPECT_EQ(listed.count(RecordOf(p)), 1u);
   for (void* p : keptB) EXPECT_EQ(listed.count(RecordOf(p)), 1u);
@@ -229,7 +253,8 @@ TEST(MemoryManager, ReusedBlocksAreLargeEnoughForEverySizeOfTheirClass) {
       void* a = m->Allocate(first, "reuse", 1);
       m->Free(a, "", 0);
       auto* b = static_cast<char*>(m->Allocate(second, "reuse", 2));
-      EXPECT_GE(malloc_usable_size(RecordOf(b)), sizeof(MemoryManager::Record) + second);
+      EXPECT_GE(malloc_usable_size(static_cast<char*>(static_cast<void*>(RecordOf(b))) - kTag),
+                kTag + sizeof(MemoryManager::Record) + second);
       std::memset(b, 0x5a, second);
       EXPECT_EQ(RecordOf(b)->size, second);
       m->Free(b, "", 0);
@@ -258,7 +283,77 @@ TEST(MemoryManager, ThreadsMayAllocateAndReleaseUntilTheyEnd) {
   });
   worker.join();
   EXPECT_EQ(m->Count(), before + 1);
+  EXPECT_NE(m->Summary().find("handed:3 1 record 24 byte(s)"), std::string::npos);
   m->Free(handedOver, "", 0);  // released by another thread than the one that allocated it
+  EXPECT_EQ(m->Count(), before);
+
+  // Records of an ended thread that were never gathered are released from here just as well.
+  std::thread([&handedOver, m] { handedOver = m->Allocate(24, "handed", 4); }).join();
+  EXPECT_EQ(m->Count(), before + 1);
+  m->Free(handedOver, "", 0);
+  EXPECT_EQ(m->Count(), before);
+}
+
+TEST(MemoryManager, GatherPutsAllThreadsNewestFirst) {
+  MemoryManager* m = MemoryManager::Instance();
+  void* a = m->Allocate(1, "order", 1);
+  void* b = nullptr;
+  void* c = nullptr;
+  std::thread([&] {
+    b = m->Allocate(2, "order", 2);
+    c = m->Allocate(3, "order", 3);
+  }).join();
+  void* d = m->Allocate(4, "order", 4);
+  std::vector<MemoryManager::Record*> order;
+  for (MemoryManager::Record* r : Walk(m->Gather())) {
+    if (std::string(r->file) == "order") order.push_back(r);
+  }
+  EXPECT_EQ(order, (std::vector<MemoryManager::Record*>{RecordOf(d), RecordOf(c), RecordOf(b),
+                                                        RecordOf(a)}));
+  for (void* p : {a, b, c, d}) m->Free(p, "", 0);
+}
+
+TEST(MemoryManager, ConcurrentReportsAndCrossThreadReleasesKeepTheAccounts) {
+  MemoryManager* m = MemoryManager::Instance();
+  const std::size_t before = m->Count();
+  constexpr int kRounds = 20000;
+  std::mutex passedMutex;
+  std::vector<void*> passed;  // blocks one worker allocated for the other to release
+  std::atomic<int> running{2};
+  auto worker = [&](int id) {
+    for (int i = 0; i < kRounds; ++i) {
+      void* own = m->Allocate(static_cast<std::size_t>(48 + i % 64), "cross", id);
+      void* theirs = nullptr;
+      {
+        std::lock_guard<std::mutex> lock(passedMutex);
+        if (i % 2 == 0) {
+          passed.push_back(m->Allocate(16, "passed", id));
+        } else if (!passed.empty()) {
+          theirs = passed.back();
+          passed.pop_back();
+        }
+      }
+      m->Free(theirs, "", 0);
+      m->Free(own, "", 0);
+    }
+    running.fetch_sub(1);
+  };
+  std::thread a(worker, 1);
+  std::thread b(worker, 2);
+  std::size_t reports = 0;
+  while (running.load() != 0) {
+    const std::size_t count = m->Count();
+    EXPECT_GE(count, before);
+    EXPECT_LE(count, before + 2 + kRounds);
+    EXPECT_EQ(m->Summary().rfind("Used ", 0), 0u);
+    ++reports;
+  }
+  a.join();
+  b.join();
+  EXPECT_GT(reports, 0u);
+  EXPECT_EQ(m->Count(), before + passed.size());
+  EXPECT_EQ(Walk(m->Gather()).size(), m->Count());
+  for (void* p : passed) m->Free(p, "", 0);
   EXPECT_EQ(m->Count(), before);
 }
 
