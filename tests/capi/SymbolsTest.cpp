@@ -58,9 +58,8 @@ struct HeaderExports {
 };
 
 HeaderExports readHeaderExports() {
-  const std::string source = __FILE__;
-  // The source tree's root ("" when the compiler was given a path relative to it).
-  const std::string root = source.substr(0, source.rfind("tests/capi/"));
+  // The build passes the source tree's root: __FILE__ may be relative (compiler caches rewrite it).
+  const std::string root = CONVOKE_SOURCE_DIR "/";
   const char* headers[] = {"Dispatch.h", "Event.h", "MemoryManager.h", "ProcessEvent.h",
                            "Socket.h",   "Timer.h", "Utility.h",       "xml.h"};
   const std::regex classDeclaration(R"(^\s*(class|struct) CONVOKE_API (\w+))");
