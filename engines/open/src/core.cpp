@@ -432,7 +432,11 @@ void Core::SendCandidate(uint64_t handle, unsigned mline, const std::string& can
 void Core::OnJanusEvent(const Json& event) {
   JsonObject* root = event.object();
   const std::string kind = StringMember(root, "janus");
-  Trace(kVideo, 5, "janus event " + kind + " from " + std::to_string(IntMember(root, "sender")));
+  if (std::getenv("CONVOKE_OPEN_DEBUG")) {
+    gchar* text = json_to_string(event.node(), FALSE);
+    Trace(kVideo, 5, std::string("janus event ") + text);
+    g_free(text);
+  }
   const uint64_t sender = static_cast<uint64_t>(IntMember(root, "sender"));
   if (kind == "event" && sender == pub_handle_) {
     JsonObject* data = ObjectMember(ObjectMember(root, "plugindata"), "data");

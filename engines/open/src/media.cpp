@@ -281,11 +281,29 @@ void Peer::AddRemoteCandidate(unsigned mline, const std::string& candidate) {
   g_signal_emit_by_name(webrtc_, "add-ice-candidate", mline, candidate.c_str());
 }
 
+// Statistics are asked for without waiting (a waiting get-stats can stall the caller): each call
+// returns the figures of the previous request and starts the next one.
 PeerStats Peer::Stats() {
+  if (stopped_) return PeerStats();
+  GstPromise* promise = gst_promise_new_with_change_func(
+      [](GstPromise* done, gpointer self) {
+        Peer* peer = static_cast<Peer*>(self);
+        const GstStructure* reply = gst_promise_get_reply(done);
+        if (reply) {
+          PeerStats stats = ParseStats(reply);
+          std::lock_guard<std::mutex> lock(peer->stats_mutex_);
+          peer->stats_ = stats;
+        }
+      },
+      this, nullptr);
+  g_signal_emit_by_name(webrtc_, "get-stats", nullptr, promise);
+  gst_promise_unref(promise);
+  std::lock_guard<std::mutex> lock(stats_mutex_);
+  return stats_;
+}
+
+PeerStats Peer::ParseStats(const GstStructure* reply) {
   PeerStats stats;
-  if (stopped_) return stats;
-  GstStructure* reply = Await(webrtc_, "get-stats", nullptr);
-  if (!reply) return stats;
   const gint n = gst_structure_n_fields(reply);
   for (gint i = 0; i < n; ++i) {
     const GValue* value = gst_structure_get_value(reply, gst_structure_nth_field_name(reply, i));
@@ -312,7 +330,6 @@ PeerStats Peer::Stats() {
       }
     }
   }
-  gst_structure_free(reply);
   return stats;
 }
 
@@ -403,7 +420,17 @@ void Publisher::Swap(GstElement** current, GstElement* replacement, const char* 
 void Publisher::SetMicrophone(const std::string& id, bool enabled, int volume) {
   if (!pipeline_ || stopped_) return;
   const std::string wanted = enabled ? id : "";
-  if (wanted != microphone_) {
+  const auto generated = [](const std::string& id, const char* test) {
+    return id.empty() || id == test;
+  };
+  if (wanted != microphone_ && generated(wanted, kTestToneMicrophone) &&
+      generated(microphone_, kTestToneMicrophone)) {
+    // Tone and silence come from the same element: no swap, which would wait for the streaming
+    // thread while webrtcbin holds it until the connection is up.
+    g_object_set(audio_source_, "volume", wanted.empty() ? 0.0 : 0.3, nullptr);
+    gst_util_set_object_arg(G_OBJECT(audio_source_), "wave", wanted.empty() ? "silence" : "sine");
+    microphone_ = wanted;
+  } else if (wanted != microphone_) {
     GstElement* source = CreateDeviceElement(Device::kMicrophone, wanted, wanted.empty());
     if (source) {
       Swap(&audio_source_, source, "aconv");
@@ -420,7 +447,13 @@ void Publisher::SetMicrophone(const std::string& id, bool enabled, int volume) {
 void Publisher::SetCamera(const std::string& id, bool enabled, int width, int height, int fps) {
   if (!pipeline_ || stopped_) return;
   const std::string wanted = enabled ? id : "";
-  if (wanted != camera_) {
+  const auto generated = [](const std::string& id) {
+    return id.empty() || id == kTestPatternCamera;
+  };
+  if (wanted != camera_ && generated(wanted) && generated(camera_)) {
+    gst_util_set_object_arg(G_OBJECT(video_source_), "pattern", wanted.empty() ? "black" : "smpte");
+    camera_ = wanted;
+  } else if (wanted != camera_) {
     GstElement* source = CreateDeviceElement(Device::kCamera, wanted, wanted.empty());
     if (source) {
       Swap(&video_source_, source, "vconv");

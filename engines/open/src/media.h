@@ -70,8 +70,12 @@ class Peer {
   std::string KeepServerCandidates(const std::string& sdp) const;
   bool OnServerAddress(const std::string& candidate) const;
 
+  static PeerStats ParseStats(const GstStructure* reply);
+
   std::string local_ip_;
   std::string server_ip_;
+  std::mutex stats_mutex_;
+  PeerStats stats_;
   PeerEvents events_;
   GstElement* pipeline_ = nullptr;
   GstElement* webrtc_ = nullptr;
