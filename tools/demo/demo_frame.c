@@ -1,36 +1,17 @@
-/* Reading the simulated video engine's frame buffers. The engine's pixel-buffer handle is the
- * address of a frame descriptor whose layout the engine documents; the demo mirrors that layout
- * here, as a host does for whatever buffer format its engine documents, and copies the picture into
- * its own RGB image during the videoFrameReady callback (when the frame is whole). */
+/* Reading the video engine's frame buffers. The engine's pixel-buffer handle is the address of a
+ * frame descriptor (ktengine/frame.h, the same for the simulated and the open engines); the demo
+ * copies the picture into its own RGB image during the videoFrameReady callback (when the frame is
+ * whole). */
 #include <stdlib.h>
 #include <string.h>
 
 #include "demo_frame.h"
-
-#define FRAME_MAGIC 0x4b544652u /* "KTFR" */
-
-enum { kRGB888 = 0, kBGRA8888 = 1, kRGBA8888 = 2 };
-
-typedef struct {
-  unsigned int magic;
-  unsigned int format;
-  int width;
-  int height;
-  int stride;
-  int bytes_per_pixel;
-  int max_width;
-  int max_height;
-  unsigned char* data;
-  size_t capacity;
-  unsigned long long sequence;
-  unsigned long long frame_number;
-  char stream_id[48];
-} EngineFrame;
+#include "ktengine/frame.h"
 
 int demo_image_copy_frame(DemoImage* image, const void* pixelBuffer) {
-  const EngineFrame* frame = (const EngineFrame*)pixelBuffer;
+  const ktengine_frame* frame = (const ktengine_frame*)pixelBuffer;
   int x, y, width, height, stride, bpp;
-  if (frame == NULL || frame->magic != FRAME_MAGIC) return -1;
+  if (frame == NULL || frame->magic != KTENGINE_FRAME_MAGIC) return -1;
   width = frame->width;
   height = frame->height;
   stride = frame->stride;
@@ -50,7 +31,7 @@ int demo_image_copy_frame(DemoImage* image, const void* pixelBuffer) {
     const unsigned char* row = frame->data + (size_t)y * stride;
     unsigned char* out = image->pixels + (size_t)y * width * 3;
     for (x = 0; x < width; ++x, row += bpp, out += 3) {
-      if (frame->format == kBGRA8888) {
+      if (frame->format == KTENGINE_BGRA8888) {
         out[0] = row[2], out[1] = row[1], out[2] = row[0];
       } else {
         out[0] = row[0], out[1] = row[1], out[2] = row[2];

@@ -38,6 +38,8 @@
 #include <stdbool.h>
 #include <stddef.h>
 
+#include "ktengine/frame.h"
+
 #if defined(_WIN32)
 #define KTSIM_API
 #else
@@ -170,47 +172,16 @@ KTSIM_API int ktsim_meeting_volume(const char* id);
 
 /* ---- Frames --------------------------------------------------------------------------------
  *
- * In a scripted meeting, the pixel_buffer of video_stream_buffer_ready is the address of a
- * ktsim_frame, as an unsigned decimal number. The engine writes each new frame into it during
- * the VideoFrameReady call that reports the frame, on the caller's thread, and never while
- * another VideoFrameReady of the same stream runs.
- *
- * Rules for readers
- *  - A descriptor and its pixels are never freed nor moved: the address stays readable until the
- *    process ends, even after its stream was removed (a later stream may reuse the descriptor).
- *  - width <= max_width, height <= max_height and stride <= 4 * max_width hold at every moment,
- *    and capacity >= 4 * max_width * max_height, so any width, height and stride read from the
- *    descriptor, even while it is rewritten, stay inside `data`: a careless reader may see a
- *    mixed picture but cannot read out of bounds.
- *  - Reading in the host's videoFrameReady callback, which the product calls on the thread that
- *    polled VideoFrameReady right after the frame was written, always sees a whole frame.
- *  - Elsewhere, use ktsim_frame_copy, or check `sequence` yourself: read it (an acquire load,
- *    e.g. __atomic_load_n(&frame->sequence, __ATOMIC_ACQUIRE)); an odd value means a frame is
- *    being written; copy what you need; read it again; equal values mean the copy is whole. */
+ * In a scripted meeting, the pixel_buffer of video_stream_buffer_ready is the address of a frame
+ * descriptor, the ktengine_frame of ktengine/frame.h that every engine of this project uses (its
+ * rules for readers are there). The names below are the simulation's own names for it. */
 
-#define KTSIM_FRAME_MAGIC 0x4b544652u /* "KTFR" */
-
-typedef enum ktsim_pixel_format {
-  KTSIM_RGB888 = 0,   /* 3 bytes per pixel: R, G, B ("RGB888") */
-  KTSIM_BGRA8888 = 1, /* 4 bytes per pixel: B, G, R, A ("BGRA8888" or "ARGB8888" on little endian) */
-  KTSIM_RGBA8888 = 2  /* 4 bytes per pixel: R, G, B, A ("RGBA8888") */
-} ktsim_pixel_format;
-
-typedef struct ktsim_frame {
-  unsigned int magic;               /* KTSIM_FRAME_MAGIC */
-  unsigned int format;              /* a ktsim_pixel_format, from the render command's colorspace */
-  int width;                        /* pixels */
-  int height;                       /* rows */
-  int stride;                       /* bytes from one row to the next */
-  int bytes_per_pixel;              /* 3 or 4 */
-  int max_width;                    /* fixed for the descriptor's life */
-  int max_height;                   /* fixed for the descriptor's life */
-  unsigned char* data;              /* fixed for the descriptor's life */
-  size_t capacity;                  /* bytes at data; fixed */
-  unsigned long long sequence;      /* odd while a frame is being written */
-  unsigned long long frame_number;  /* frames written since the stream's rendering started */
-  char stream_id[48];               /* the stream the last frame belongs to */
-} ktsim_frame;
+#define KTSIM_FRAME_MAGIC KTENGINE_FRAME_MAGIC
+#define KTSIM_RGB888 KTENGINE_RGB888
+#define KTSIM_BGRA8888 KTENGINE_BGRA8888
+#define KTSIM_RGBA8888 KTENGINE_RGBA8888
+typedef ktengine_pixel_format ktsim_pixel_format;
+typedef ktengine_frame ktsim_frame;
 
 /* Copies the frame's pixels (height rows of width * bytes_per_pixel bytes, rows packed) into
  * `pixels` and its description into `info` (either may be NULL), consistently: no frame is

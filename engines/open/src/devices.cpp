@@ -1,0 +1,179 @@
+#include "devices.h"
+
+#include <cstdio>
+
+namespace ktopen {
+
+const char* const kTestPatternCamera = "test-pattern";
+const char* const kTestToneMicrophone = "test-tone";
+const char* const kNullSpeaker = "null-speaker";
+
+namespace {
+
+const char* ClassOf(Device::Kind kind) {
+  switch (kind) {
+    case Device::kMicrophone:
+      return "Audio/Source";
+    case Device::kSpeaker:
+      return "Audio/Sink";
+    case Device::kCamera:
+      return "Video/Source";
+  }
+  return "";
+}
+
+// The identifier of a real device: its element's "device" property (stable across runs).
+std::string IdOf(GstDevice* device) {
+  std::string id;
+  GstElement* element = gst_device_create_element(device, nullptr);
+  if (element) {
+    gst_object_ref_sink(element);
+    if (g_object_class_find_property(G_OBJECT_GET_CLASS(element), "device")) {
+      gchar* value = nullptr;
+      g_object_get(element, "device", &value, nullptr);
+      if (value) id = value;
+      g_free(value);
+    }
+    gst_object_unref(element);
+  }
+  if (id.empty()) {
+    gchar* name = gst_device_get_display_name(device);
+    id = name ? name : "";
+    g_free(name);
+  }
+  return id;
+}
+
+bool Hidden(GstDevice* device) {
+  GstStructure* props = gst_device_get_properties(device);
+  bool hidden = false;
+  if (props) {
+    const gchar* cls = gst_structure_get_string(props, "device.class");
+    hidden = cls && g_strcmp0(cls, "monitor") == 0;  // "Monitor of ..." sources
+    gst_structure_free(props);
+  }
+  return hidden;
+}
+
+bool IsDefault(GstDevice* device) {
+  GstStructure* props = gst_device_get_properties(device);
+  gboolean is_default = FALSE;
+  if (props) {
+    gst_structure_get_boolean(props, "is-default", &is_default);
+    gst_structure_free(props);
+  }
+  return is_default;
+}
+
+// Real devices of a kind with their GstDevice (a new reference each).
+std::vector<std::pair<Device, GstDevice*>> Probe(Device::Kind kind) {
+  std::vector<std::pair<Device, GstDevice*>> found;
+  GstDeviceMonitor* monitor = gst_device_monitor_new();
+  gst_device_monitor_add_filter(monitor, ClassOf(kind), nullptr);
+  GList* devices = gst_device_monitor_get_devices(monitor);
+  for (GList* item = devices; item; item = item->next) {
+    GstDevice* device = GST_DEVICE(item->data);
+    if (Hidden(device)) continue;
+    Device d;
+    d.kind = kind;
+    d.id = IdOf(device);
+    gchar* name = gst_device_get_display_name(device);
+    d.name = name ? name : d.id;
+    g_free(name);
+    d.preferred = IsDefault(device);
+    if (d.id.empty()) continue;
+    found.emplace_back(d, GST_DEVICE(gst_object_ref(device)));
+  }
+  g_list_free_full(devices, gst_object_unref);
+  gst_object_unref(monitor);
+  return found;
+}
+
+}  // namespace
+
+std::vector<Device> ListDevices(Device::Kind kind) {
+  std::vector<Device> list;
+  bool any_preferred = false;
+  for (auto& entry : Probe(kind)) {
+    any_preferred = any_preferred || entry.first.preferred;
+    list.push_back(entry.first);
+    gst_object_unref(entry.second);
+  }
+  Device v;
+  v.kind = kind;
+  v.is_virtual = true;
+  switch (kind) {
+    case Device::kMicrophone:
+      v.id = kTestToneMicrophone;
+      v.name = "Test tone";
+      break;
+    case Device::kSpeaker:
+      v.id = kNullSpeaker;
+      v.name = "No speaker";
+      break;
+    case Device::kCamera:
+      v.id = kTestPatternCamera;
+      v.name = "Test pattern";
+      break;
+  }
+  if (!list.empty() && !any_preferred && kind != Device::kCamera) list.front().preferred = true;
+  v.preferred = list.empty() && kind != Device::kCamera;
+  list.push_back(v);
+  return list;
+}
+
+bool FindDevice(Device::Kind kind, const std::string& id, Device* device) {
+  for (const Device& d : ListDevices(kind)) {
+    if (d.id == id) {
+      *device = d;
+      return true;
+    }
+  }
+  return false;
+}
+
+GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool off) {
+  if (kind == Device::kCamera && (id == kTestPatternCamera || off)) {
+    GstElement* src = gst_element_factory_make("videotestsrc", nullptr);
+    if (src) gst_util_set_object_arg(G_OBJECT(src), "pattern", off ? "black" : "smpte");
+    if (src) g_object_set(src, "is-live", TRUE, nullptr);
+    return src;
+  }
+  if (kind == Device::kMicrophone && (id == kTestToneMicrophone || off)) {
+    GstElement* src = gst_element_factory_make("audiotestsrc", nullptr);
+    if (src) {
+      g_object_set(src, "is-live", TRUE, "freq", 440.0, "volume", off ? 0.0 : 0.3, nullptr);
+      if (off) gst_util_set_object_arg(G_OBJECT(src), "wave", "silence");
+    }
+    return src;
+  }
+  if (kind == Device::kSpeaker && id == kNullSpeaker) {
+    GstElement* sink = gst_element_factory_make("fakesink", nullptr);
+    if (sink) g_object_set(sink, "sync", TRUE, "async", FALSE, nullptr);
+    return sink;
+  }
+  GstElement* element = nullptr;
+  for (auto& entry : Probe(kind)) {
+    if (!element && entry.first.id == id)
+      element = gst_device_create_element(entry.second, nullptr);
+    gst_object_unref(entry.second);
+  }
+  return element;
+}
+
+const std::vector<std::string>& CameraProfiles() {
+  static const std::vector<std::string> profiles = {"VP8 640x480 (30FPS)", "VP8 1280x720 (30FPS)",
+                                                    "VP8 320x240 (15FPS)"};
+  return profiles;
+}
+
+bool ProfileSize(const std::string& profile, int* width, int* height, int* fps) {
+  for (const std::string& known : CameraProfiles()) {
+    if (known == profile) {
+      return std::sscanf(profile.c_str(), "VP8 %dx%d (%dFPS)", width, height, fps) == 3;
+    }
+  }
+  return false;
+}
+
+}  // namespace ktopen

@@ -1,0 +1,726 @@
+#include "media.h"
+
+#include <gst/app/gstappsink.h>
+#include <gst/sdp/sdp.h>
+#include <gst/video/video.h>
+#define GST_USE_UNSTABLE_API
+#include <gst/webrtc/webrtc.h>
+#include <nice/agent.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <sstream>
+
+#include "devices.h"
+
+namespace ktopen {
+
+namespace {
+
+constexpr guint kAudioSsrc = 0x4b540001;
+constexpr guint kVideoSsrc = 0x4b540002;
+constexpr int kMaxSide = 4096;
+
+// A promise-based webrtcbin action, waited for on the calling thread.
+GstStructure* Await(GstElement* webrtc, const char* signal, GstWebRTCSessionDescription* desc) {
+  GstPromise* promise = gst_promise_new();
+  if (desc) {
+    g_signal_emit_by_name(webrtc, signal, desc, promise);
+  } else {
+    g_signal_emit_by_name(webrtc, signal, nullptr, promise);
+  }
+  GstPromiseResult result = gst_promise_wait(promise);
+  GstStructure* reply = nullptr;
+  if (result == GST_PROMISE_RESULT_REPLIED && gst_promise_get_reply(promise)) {
+    reply = gst_structure_copy(gst_promise_get_reply(promise));
+  }
+  gst_promise_unref(promise);
+  return reply;
+}
+
+std::string CandidateAddress(const std::string& candidate) {
+  // candidate:<foundation> <component> <transport> <priority> <address> <port> typ <type> ...
+  std::istringstream in(candidate);
+  std::string field, address;
+  for (int i = 0; i < 5 && in >> field; ++i) address = field;
+  return address;
+}
+
+}  // namespace
+
+bool InitMedia(std::string* error) {
+  static std::once_flag once;
+  static std::string failure;
+  std::call_once(once, [] {
+    GError* problem = nullptr;
+    if (!gst_init_check(nullptr, nullptr, &problem)) {
+      failure = std::string("GStreamer did not start: ") + (problem ? problem->message : "");
+      if (problem) g_error_free(problem);
+      return;
+    }
+    for (const char* name :
+         {"webrtcbin", "nicesrc", "opusenc", "opusdec", "vp8enc", "vp8dec", "rtpopuspay",
+          "rtpvp8pay", "videotestsrc", "audiotestsrc", "level", "appsink", "valve"}) {
+      GstElementFactory* factory = gst_element_factory_find(name);
+      if (!factory) {
+        failure = std::string("GStreamer element '") + name + "' is missing";
+        return;
+      }
+      gst_object_unref(factory);
+    }
+  });
+  if (!failure.empty() && error) *error = failure;
+  return failure.empty();
+}
+
+// ---- Peer --------------------------------------------------------------------------------------
+
+Peer::Peer(const std::string& local_ip, const std::string& server_ip, PeerEvents events)
+    : local_ip_(local_ip), server_ip_(server_ip), events_(std::move(events)) {}
+
+Peer::~Peer() {
+  Stop();
+  if (pipeline_) gst_object_unref(pipeline_);
+}
+
+bool Peer::Setup(std::string* error) {
+  pipeline_ = gst_pipeline_new(nullptr);
+  webrtc_ = gst_element_factory_make("webrtcbin", nullptr);
+  if (!pipeline_ || !webrtc_) {
+    if (error) *error = "Could not create a WebRTC pipeline";
+    return false;
+  }
+  gst_bin_add(GST_BIN(pipeline_), webrtc_);
+  gst_util_set_object_arg(G_OBJECT(webrtc_), "bundle-policy", "max-bundle");
+  g_object_set(webrtc_, "latency", 100, nullptr);
+
+  // Keep ICE to the interface that reaches the meeting server: no UPnP (it multicasts), no TCP.
+  GstWebRTCICE* ice = nullptr;
+  g_object_get(webrtc_, "ice-agent", &ice, nullptr);
+  if (ice) {
+    if (g_object_class_find_property(G_OBJECT_GET_CLASS(ice), "agent")) {
+      NiceAgent* agent = nullptr;
+      g_object_get(ice, "agent", &agent, nullptr);
+      if (agent) {
+        // Adding the local address to the agent here hangs the first offer (webrtcbin 1.22):
+        // the candidates are filtered by address instead (OnIceCandidate).
+        g_object_set(agent, "upnp", FALSE, nullptr);
+        g_object_unref(agent);
+      }
+    }
+    if (g_object_class_find_property(G_OBJECT_GET_CLASS(ice), "ice-tcp")) {
+      g_object_set(ice, "ice-tcp", FALSE, nullptr);
+    }
+    gst_object_unref(ice);
+  }
+  g_signal_connect(webrtc_, "on-negotiation-needed", G_CALLBACK(&Peer::OnNegotiationNeeded), this);
+  g_signal_connect(webrtc_, "on-ice-candidate", G_CALLBACK(&Peer::OnIceCandidate), this);
+  g_signal_connect(webrtc_, "notify::ice-gathering-state", G_CALLBACK(&Peer::OnGatheringState),
+                   this);
+  GstBus* bus = gst_element_get_bus(pipeline_);
+  gst_bus_set_sync_handler(bus, &Peer::OnBusMessage, this, nullptr);
+  gst_object_unref(bus);
+  return true;
+}
+
+bool Peer::Play(std::string* error) {
+  if (gst_element_set_state(pipeline_, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+    if (error) *error = "The media pipeline did not start";
+    return false;
+  }
+  return true;
+}
+
+void Peer::Stop() {
+  if (stopped_.exchange(true) || !pipeline_) return;
+  gst_element_set_state(pipeline_, GST_STATE_NULL);
+}
+
+void Peer::OnNegotiationNeeded(GstElement*, gpointer self) {
+  Peer* peer = static_cast<Peer*>(self);
+  if (!peer->stopped_ && peer->events_.negotiation_needed) peer->events_.negotiation_needed();
+}
+
+void Peer::OnIceCandidate(GstElement*, guint mline, gchar* candidate, gpointer self) {
+  Peer* peer = static_cast<Peer*>(self);
+  if (peer->stopped_ || !peer->events_.candidate || !candidate) return;
+  // Only candidates on the address that reaches the server, over UDP.
+  const std::string text = candidate;
+  if (std::getenv("CONVOKE_OPEN_DEBUG")) g_printerr("open engine: gathered %s\n", candidate);
+  if (text.find(" UDP ") == std::string::npos && text.find(" udp ") == std::string::npos) return;
+  if (!peer->local_ip_.empty() && CandidateAddress(text) != peer->local_ip_) return;
+  peer->events_.candidate(mline, text);
+}
+
+void Peer::OnGatheringState(GstElement* webrtc, GParamSpec*, gpointer self) {
+  Peer* peer = static_cast<Peer*>(self);
+  GstWebRTCICEGatheringState state;
+  g_object_get(webrtc, "ice-gathering-state", &state, nullptr);
+  if (state == GST_WEBRTC_ICE_GATHERING_STATE_COMPLETE && !peer->stopped_ &&
+      peer->events_.candidate) {
+    peer->events_.candidate(0, "");
+  }
+}
+
+GstBusSyncReply Peer::OnBusMessage(GstBus*, GstMessage* message, gpointer self) {
+  Peer* peer = static_cast<Peer*>(self);
+  if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ELEMENT && !peer->stopped_ && peer->events_.level) {
+    const GstStructure* s = gst_message_get_structure(message);
+    if (s && gst_structure_has_name(s, "level")) {
+      const GValue* rms = gst_structure_get_value(s, "rms");
+      double loudest = -200;
+      // The level element still posts a GValueArray per channel.
+      G_GNUC_BEGIN_IGNORE_DEPRECATIONS
+      if (rms && G_VALUE_TYPE(rms) == g_value_array_get_type()) {
+        GValueArray* channels = static_cast<GValueArray*>(g_value_get_boxed(rms));
+        for (guint i = 0; channels && i < channels->n_values; ++i) {
+          loudest = std::max(loudest, g_value_get_double(g_value_array_get_nth(channels, i)));
+        }
+      } else if (rms && GST_VALUE_HOLDS_LIST(rms)) {
+        for (guint i = 0; i < gst_value_list_get_size(rms); ++i) {
+          loudest = std::max(loudest, g_value_get_double(gst_value_list_get_value(rms, i)));
+        }
+      }
+      G_GNUC_END_IGNORE_DEPRECATIONS
+      peer->events_.level(loudest);
+    }
+  } else if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
+    GError* problem = nullptr;
+    gst_message_parse_error(message, &problem, nullptr);
+    g_printerr("open engine: %s: %s\n", GST_OBJECT_NAME(GST_MESSAGE_SRC(message)),
+               problem ? problem->message : "error");
+    if (problem) g_error_free(problem);
+  }
+  return GST_BUS_DROP;  // nobody watches the bus: nothing may pile up on it
+}
+
+bool Peer::OnServerAddress(const std::string& candidate) const {
+  const std::string text = candidate.compare(0, 2, "a=") == 0 ? candidate.substr(2) : candidate;
+  return server_ip_.empty() || CandidateAddress(text) == server_ip_;
+}
+
+std::string Peer::KeepServerCandidates(const std::string& sdp) const {
+  std::istringstream in(sdp);
+  std::string line, out;
+  while (std::getline(in, line)) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.compare(0, 12, "a=candidate:") == 0 && !OnServerAddress(line)) continue;
+    out += line + "\r\n";
+  }
+  return out;
+}
+
+std::string Peer::CreateOffer(std::string* error) {
+  GstStructure* reply = Await(webrtc_, "create-offer", nullptr);
+  GstWebRTCSessionDescription* offer = nullptr;
+  if (reply)
+    gst_structure_get(reply, "offer", GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &offer, nullptr);
+  if (reply) gst_structure_free(reply);
+  if (!offer) {
+    if (error) *error = "Could not make a WebRTC offer";
+    return "";
+  }
+  GstStructure* set = Await(webrtc_, "set-local-description", offer);
+  if (set) gst_structure_free(set);
+  gchar* text = gst_sdp_message_as_text(offer->sdp);
+  std::string sdp = text ? text : "";
+  g_free(text);
+  gst_webrtc_session_description_free(offer);
+  return sdp;
+}
+
+std::string Peer::CreateAnswer(std::string* error) {
+  GstStructure* reply = Await(webrtc_, "create-answer", nullptr);
+  GstWebRTCSessionDescription* answer = nullptr;
+  if (reply) {
+    gst_structure_get(reply, "answer", GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &answer, nullptr);
+  }
+  if (reply) gst_structure_free(reply);
+  if (!answer) {
+    if (error) *error = "Could not make a WebRTC answer";
+    return "";
+  }
+  GstStructure* set = Await(webrtc_, "set-local-description", answer);
+  if (set) gst_structure_free(set);
+  gchar* text = gst_sdp_message_as_text(answer->sdp);
+  std::string sdp = text ? text : "";
+  g_free(text);
+  gst_webrtc_session_description_free(answer);
+  return sdp;
+}
+
+bool Peer::SetRemote(const std::string& type, const std::string& sdp, std::string* error) {
+  GstSDPMessage* message = nullptr;
+  gst_sdp_message_new(&message);
+  const std::string kept = KeepServerCandidates(sdp);
+  if (gst_sdp_message_parse_buffer(reinterpret_cast<const guint8*>(kept.data()),
+                                   static_cast<guint>(kept.size()), message) != GST_SDP_OK) {
+    gst_sdp_message_free(message);
+    if (error) *error = "The meeting server sent an unreadable session description";
+    return false;
+  }
+  GstWebRTCSessionDescription* desc = gst_webrtc_session_description_new(
+      type == "offer" ? GST_WEBRTC_SDP_TYPE_OFFER : GST_WEBRTC_SDP_TYPE_ANSWER, message);
+  GstStructure* reply = Await(webrtc_, "set-remote-description", desc);
+  bool ok = true;
+  if (reply && gst_structure_has_field(reply, "error")) {
+    ok = false;
+    if (error) *error = "The meeting server's session description was refused";
+  }
+  if (reply) gst_structure_free(reply);
+  gst_webrtc_session_description_free(desc);
+  return ok;
+}
+
+void Peer::AddRemoteCandidate(unsigned mline, const std::string& candidate) {
+  if (stopped_ || !OnServerAddress(candidate)) return;
+  g_signal_emit_by_name(webrtc_, "add-ice-candidate", mline, candidate.c_str());
+}
+
+// Statistics are asked for without waiting (a waiting get-stats can stall the caller): each call
+// returns the figures of the previous request and starts the next one.
+PeerStats Peer::Stats() {
+  if (stopped_) return PeerStats();
+  GstPromise* promise = gst_promise_new_with_change_func(
+      [](GstPromise* done, gpointer self) {
+        Peer* peer = static_cast<Peer*>(self);
+        const GstStructure* reply = gst_promise_get_reply(done);
+        if (reply) {
+          PeerStats stats = ParseStats(reply);
+          std::lock_guard<std::mutex> lock(peer->stats_mutex_);
+          peer->stats_ = stats;
+        }
+      },
+      this, nullptr);
+  g_signal_emit_by_name(webrtc_, "get-stats", nullptr, promise);
+  gst_promise_unref(promise);
+  std::lock_guard<std::mutex> lock(stats_mutex_);
+  return stats_;
+}
+
+PeerStats Peer::ParseStats(const GstStructure* reply) {
+  PeerStats stats;
+  const gint n = gst_structure_n_fields(reply);
+  for (gint i = 0; i < n; ++i) {
+    const GValue* value = gst_structure_get_value(reply, gst_structure_nth_field_name(reply, i));
+    if (!GST_VALUE_HOLDS_STRUCTURE(value)) continue;
+    const GstStructure* s = gst_value_get_structure(value);
+    GstWebRTCStatsType type;
+    if (!gst_structure_get(s, "type", GST_TYPE_WEBRTC_STATS_TYPE, &type, nullptr)) continue;
+    guint64 u = 0;
+    gint64 l = 0;
+    gdouble d = 0;
+    if (type == GST_WEBRTC_STATS_OUTBOUND_RTP) {
+      if (gst_structure_get_uint64(s, "bytes-sent", &u)) stats.bytes_sent += u;
+    } else if (type == GST_WEBRTC_STATS_INBOUND_RTP) {
+      if (gst_structure_get_uint64(s, "bytes-received", &u)) stats.bytes_received += u;
+      if (gst_structure_get_uint64(s, "packets-received", &u)) stats.packets_received += u;
+      if (gst_structure_get_int64(s, "packets-lost", &l)) stats.packets_lost += l;
+      if (gst_structure_get_double(s, "jitter", &d)) stats.jitter_s = std::max(stats.jitter_s, d);
+    } else if (type == GST_WEBRTC_STATS_REMOTE_INBOUND_RTP) {
+      if (gst_structure_get_double(s, "fraction-lost", &d)) {
+        stats.fraction_lost = std::max(stats.fraction_lost, d);
+      }
+      if (gst_structure_get_double(s, "round-trip-time", &d)) {
+        stats.round_trip_s = std::max(stats.round_trip_s, d);
+      }
+    }
+  }
+  return stats;
+}
+
+// ---- Publisher ---------------------------------------------------------------------------------
+
+bool Publisher::Start(const std::string& microphone, const std::string& camera, int width,
+                      int height, int fps, std::string* error) {
+  if (!Setup(error)) return false;
+  char description[1024];
+  std::snprintf(description, sizeof description,
+                "audioconvert name=aconv ! audioresample ! volume name=micvol ! "
+                "level name=miclevel interval=100000000 post-messages=true ! "
+                "opusenc bitrate=32000 ! rtpopuspay pt=111 ! "
+                "application/x-rtp,media=audio,encoding-name=OPUS,payload=111,clock-rate=48000,"
+                "ssrc=(uint)%u ! queue ! webrtc_a. "
+                "videoconvert name=vconv ! videoscale ! videorate ! "
+                "capsfilter name=camcaps caps=video/x-raw,width=%d,height=%d,framerate=%d/1 ! "
+                "vp8enc deadline=1 threads=1 cpu-used=8 target-bitrate=500000 "
+                "keyframe-max-dist=60 ! rtpvp8pay pt=96 ! "
+                "application/x-rtp,media=video,encoding-name=VP8,payload=96,clock-rate=90000,"
+                "ssrc=(uint)%u ! queue ! webrtc_v.",
+                kAudioSsrc, width, height, fps, kVideoSsrc);
+  // The two chains end in webrtcbin's request pads, linked by hand below.
+  std::string chains = description;
+  chains.replace(chains.find("webrtc_a."), 9, "identity name=to_webrtc_a");
+  chains.replace(chains.find("webrtc_v."), 9, "identity name=to_webrtc_v");
+  GError* problem = nullptr;
+  GstElement* bin = gst_parse_bin_from_description(chains.c_str(), FALSE, &problem);
+  if (!bin) {
+    if (error) *error = std::string("Could not build the sending pipeline: ") + problem->message;
+    g_error_free(problem);
+    return false;
+  }
+  // Flatten: move the parsed elements into the pipeline so that names resolve there.
+  gst_bin_add(GST_BIN(pipeline_), bin);
+  for (const char* end : {"to_webrtc_a", "to_webrtc_v"}) {
+    GstElement* last = gst_bin_get_by_name(GST_BIN(bin), end);
+    GstPad* src = gst_element_get_static_pad(last, "src");
+    GstPad* ghost = gst_ghost_pad_new(end, src);
+    gst_element_add_pad(bin, ghost);
+    GstPad* sink = gst_element_request_pad_simple(webrtc_, "sink_%u");
+    gst_pad_link(ghost, sink);
+    gst_object_unref(sink);
+    gst_object_unref(src);
+    gst_object_unref(last);
+  }
+  for (const char* start : {"aconv", "vconv"}) {
+    GstElement* first = gst_bin_get_by_name(GST_BIN(bin), start);
+    GstPad* sink = gst_element_get_static_pad(first, "sink");
+    gst_element_add_pad(bin, gst_ghost_pad_new(start, sink));
+    gst_object_unref(sink);
+    gst_object_unref(first);
+  }
+  audio_source_ = CreateDeviceElement(Device::kMicrophone, microphone, microphone.empty());
+  video_source_ = CreateDeviceElement(Device::kCamera, camera, camera.empty());
+  if (!audio_source_ || !video_source_) {
+    if (error) *error = "Could not open the microphone or the camera";
+    return false;
+  }
+  microphone_ = microphone;
+  camera_ = camera;
+  gst_bin_add_many(GST_BIN(pipeline_), audio_source_, video_source_, nullptr);
+  if (!gst_element_link_pads(audio_source_, nullptr, bin, "aconv") ||
+      !gst_element_link_pads(video_source_, nullptr, bin, "vconv")) {
+    if (error) *error = "Could not link the microphone or the camera";
+    return false;
+  }
+  return Play(error);
+}
+
+void Publisher::Swap(GstElement** current, GstElement* replacement, const char* downstream) {
+  GstElement* bin = nullptr;
+  GstPad* old_src = gst_element_get_static_pad(*current, "src");
+  GstPad* peer = old_src ? gst_pad_get_peer(old_src) : nullptr;
+  if (peer) bin = GST_ELEMENT(gst_object_get_parent(GST_OBJECT(peer)));
+  gst_element_set_state(*current, GST_STATE_NULL);
+  if (peer) gst_pad_unlink(old_src, peer);
+  gst_bin_remove(GST_BIN(pipeline_), *current);
+  *current = replacement;
+  gst_bin_add(GST_BIN(pipeline_), replacement);
+  if (bin) gst_element_link_pads(replacement, nullptr, bin, downstream);
+  gst_element_sync_state_with_parent(replacement);
+  if (bin) gst_object_unref(bin);
+  if (peer) gst_object_unref(peer);
+  if (old_src) gst_object_unref(old_src);
+}
+
+void Publisher::SetMicrophone(const std::string& id, bool enabled, int volume) {
+  if (!pipeline_ || stopped_) return;
+  const std::string wanted = enabled ? id : "";
+  const auto generated = [](const std::string& id, const char* test) {
+    return id.empty() || id == test;
+  };
+  if (wanted != microphone_ && generated(wanted, kTestToneMicrophone) &&
+      generated(microphone_, kTestToneMicrophone)) {
+    // Tone and silence come from the same element: no swap, which would wait for the streaming
+    // thread while webrtcbin holds it until the connection is up.
+    g_object_set(audio_source_, "volume", wanted.empty() ? 0.0 : 0.3, nullptr);
+    gst_util_set_object_arg(G_OBJECT(audio_source_), "wave", wanted.empty() ? "silence" : "sine");
+    microphone_ = wanted;
+  } else if (wanted != microphone_) {
+    GstElement* source = CreateDeviceElement(Device::kMicrophone, wanted, wanted.empty());
+    if (source) {
+      Swap(&audio_source_, source, "aconv");
+      microphone_ = wanted;
+    }
+  }
+  GstElement* gain = gst_bin_get_by_name(GST_BIN(pipeline_), "micvol");
+  if (gain) {
+    g_object_set(gain, "volume", std::clamp(volume, 0, 100) / 100.0, "mute", !enabled, nullptr);
+    gst_object_unref(gain);
+  }
+}
+
+void Publisher::SetCamera(const std::string& id, bool enabled, int width, int height, int fps) {
+  if (!pipeline_ || stopped_) return;
+  const std::string wanted = enabled ? id : "";
+  const auto generated = [](const std::string& id) {
+    return id.empty() || id == kTestPatternCamera;
+  };
+  if (wanted != camera_ && generated(wanted) && generated(camera_)) {
+    gst_util_set_object_arg(G_OBJECT(video_source_), "pattern", wanted.empty() ? "black" : "smpte");
+    camera_ = wanted;
+  } else if (wanted != camera_) {
+    GstElement* source = CreateDeviceElement(Device::kCamera, wanted, wanted.empty());
+    if (source) {
+      Swap(&video_source_, source, "vconv");
+      camera_ = wanted;
+    }
+  }
+  GstElement* caps = gst_bin_get_by_name(GST_BIN(pipeline_), "camcaps");
+  if (caps) {
+    GstCaps* wanted_caps =
+        gst_caps_new_simple("video/x-raw", "width", G_TYPE_INT, width, "height", G_TYPE_INT, height,
+                            "framerate", GST_TYPE_FRACTION, fps, 1, nullptr);
+    g_object_set(caps, "caps", wanted_caps, nullptr);
+    gst_caps_unref(wanted_caps);
+    gst_object_unref(caps);
+  }
+}
+
+// ---- Frames ------------------------------------------------------------------------------------
+
+namespace {
+
+std::mutex pool_mutex;
+std::deque<ktengine_frame*> pool;  // released descriptors; none is ever freed
+
+ktengine_frame* AcquireFrame(int width, int height) {
+  std::lock_guard<std::mutex> lock(pool_mutex);
+  for (auto it = pool.begin(); it != pool.end(); ++it) {
+    if ((*it)->max_width >= width && (*it)->max_height >= height) {
+      ktengine_frame* frame = *it;
+      pool.erase(it);
+      return frame;
+    }
+  }
+  auto* frame = new ktengine_frame();
+  frame->magic = KTENGINE_FRAME_MAGIC;
+  frame->max_width = width;
+  frame->max_height = height;
+  frame->capacity = static_cast<size_t>(width) * height * 4;
+  frame->data = new unsigned char[frame->capacity]();
+  return frame;
+}
+
+void ReleaseFrame(ktengine_frame* frame) {
+  std::lock_guard<std::mutex> lock(pool_mutex);
+  pool.push_back(frame);
+}
+
+int BytesPerPixel(ktengine_pixel_format format) { return format == KTENGINE_RGB888 ? 3 : 4; }
+
+}  // namespace
+
+FrameSlot::~FrameSlot() {
+  if (frame_) ReleaseFrame(frame_);
+}
+
+ktengine_frame* FrameSlot::Start(const std::string& stream_id, ktengine_pixel_format format,
+                                 int width, int height) {
+  width = std::clamp(width, 1, kMaxSide);
+  height = std::clamp(height, 1, kMaxSide);
+  std::lock_guard<std::mutex> write(write_mutex_);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (frame_ && (frame_->max_width < width || frame_->max_height < height)) {
+    ReleaseFrame(frame_);
+    frame_ = nullptr;
+  }
+  if (!frame_) frame_ = AcquireFrame(width, height);
+  __atomic_add_fetch(&frame_->sequence, 1, __ATOMIC_ACQ_REL);
+  frame_->format = format;
+  frame_->bytes_per_pixel = BytesPerPixel(format);
+  frame_->width = width;
+  frame_->height = height;
+  frame_->stride = width * frame_->bytes_per_pixel;
+  frame_->frame_number = 0;
+  std::memset(frame_->data, 0, frame_->capacity);
+  std::snprintf(frame_->stream_id, sizeof frame_->stream_id, "%s", stream_id.c_str());
+  __atomic_add_fetch(&frame_->sequence, 1, __ATOMIC_RELEASE);
+  rendering_ = true;
+  fresh_ = false;
+  return frame_;
+}
+
+void FrameSlot::Stop() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  rendering_ = false;
+  fresh_ = false;
+}
+
+bool FrameSlot::rendering() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return rendering_;
+}
+
+void FrameSlot::Offer(const uint8_t* pixels, int width, int height, int stride) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!rendering_ || !frame_) return;
+  const int bpp = frame_->bytes_per_pixel;
+  width = std::min(width, frame_->max_width);
+  height = std::min(height, frame_->max_height);
+  pending_.resize(static_cast<size_t>(width) * height * bpp);
+  for (int y = 0; y < height; ++y) {
+    std::memcpy(&pending_[static_cast<size_t>(y) * width * bpp],
+                pixels + static_cast<size_t>(y) * stride, static_cast<size_t>(width) * bpp);
+  }
+  width_ = width;
+  height_ = height;
+  fresh_ = true;
+}
+
+int FrameSlot::Take() {
+  std::lock_guard<std::mutex> write(write_mutex_);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!fresh_ || !frame_) return 0;
+  fresh_ = false;
+  ktengine_frame* f = frame_;
+  __atomic_add_fetch(&f->sequence, 1, __ATOMIC_ACQ_REL);  // odd: being written
+  f->width = width_;
+  f->height = height_;
+  f->stride = width_ * f->bytes_per_pixel;
+  std::memcpy(f->data, pending_.data(), pending_.size());
+  ++f->frame_number;
+  __atomic_add_fetch(&f->sequence, 1, __ATOMIC_RELEASE);
+  return 1;
+}
+
+// ---- Subscriber --------------------------------------------------------------------------------
+
+Subscriber::~Subscriber() {
+  Stop();
+  for (GstElement* element : {volume_, gate_, caps_}) {
+    if (element) gst_object_unref(element);
+  }
+}
+
+bool Subscriber::Start(const std::string& speaker, std::string* error) {
+  speaker_ = speaker;
+  if (!Setup(error)) return false;
+  g_signal_connect(webrtc_, "pad-added", G_CALLBACK(&Subscriber::OnPadAdded), this);
+  return Play(error);
+}
+
+void Subscriber::OnPadAdded(GstElement*, GstPad* pad, gpointer self) {
+  auto* sub = static_cast<Subscriber*>(self);
+  if (GST_PAD_DIRECTION(pad) != GST_PAD_SRC || sub->stopped_) return;
+  GstCaps* caps = gst_pad_get_current_caps(pad);
+  if (!caps) caps = gst_pad_query_caps(pad, nullptr);
+  const GstStructure* s = gst_caps_get_structure(caps, 0);
+  const gchar* media = gst_structure_get_string(s, "media");
+  const bool audio = media && std::strcmp(media, "audio") == 0;
+  const bool video = media && std::strcmp(media, "video") == 0;
+  gst_caps_unref(caps);
+  const char* description = nullptr;
+  if (audio) {
+    description =
+        "queue ! rtpopusdepay ! opusdec ! audioconvert ! audioresample ! "
+        "level interval=100000000 post-messages=true ! volume name=gain";
+  } else if (video) {
+    description =
+        "queue ! rtpvp8depay ! vp8dec ! valve name=gate drop=true ! videoconvert ! videoscale ! "
+        "capsfilter name=size ! appsink name=frames max-buffers=1 drop=true sync=false";
+  } else {
+    description = "fakesink";
+  }
+  GError* problem = nullptr;
+  GstElement* bin = gst_parse_bin_from_description(description, TRUE, &problem);
+  if (!bin) {
+    if (problem) g_error_free(problem);
+    return;
+  }
+  GstElement* pipeline = sub->pipeline_;
+  gst_bin_add(GST_BIN(pipeline), bin);
+  if (audio) {
+    GstElement* sink = CreateDeviceElement(
+        Device::kSpeaker, sub->speaker_.empty() ? std::string(kNullSpeaker) : sub->speaker_);
+    if (!sink) sink = CreateDeviceElement(Device::kSpeaker, kNullSpeaker);
+    gst_bin_add(GST_BIN(pipeline), sink);
+    gst_element_link(bin, sink);
+    gst_element_sync_state_with_parent(sink);
+    std::lock_guard<std::mutex> lock(sub->mutex_);
+    sub->volume_ = gst_bin_get_by_name(GST_BIN(bin), "gain");
+    g_object_set(sub->volume_, "volume", sub->gain_, "mute", sub->muted_, nullptr);
+  } else if (video) {
+    GstElement* frames = gst_bin_get_by_name(GST_BIN(bin), "frames");
+    g_object_set(frames, "emit-signals", TRUE, nullptr);
+    g_signal_connect(frames, "new-sample", G_CALLBACK(&Subscriber::OnSample), sub);
+    gst_object_unref(frames);
+    GstElement* gate = gst_bin_get_by_name(GST_BIN(bin), "gate");
+    if (g_object_class_find_property(G_OBJECT_GET_CLASS(gate), "drop-mode")) {
+      // Caps and other sticky events pass the closed gate, so opening it needs no renegotiation.
+      gst_util_set_object_arg(G_OBJECT(gate), "drop-mode", "forward-sticky-events");
+    }
+    std::lock_guard<std::mutex> lock(sub->mutex_);
+    sub->gate_ = gate;
+    sub->caps_ = gst_bin_get_by_name(GST_BIN(bin), "size");
+  }
+  GstPad* sink_pad = gst_element_get_static_pad(bin, "sink");
+  gst_pad_link(pad, sink_pad);
+  gst_object_unref(sink_pad);
+  gst_element_sync_state_with_parent(bin);
+  if (video) {
+    std::lock_guard<std::mutex> lock(sub->mutex_);
+    sub->ApplyRender();
+  }
+}
+
+GstFlowReturn Subscriber::OnSample(GstElement* sink, gpointer self) {
+  auto* sub = static_cast<Subscriber*>(self);
+  GstSample* sample = gst_app_sink_pull_sample(GST_APP_SINK(sink));
+  if (!sample) return GST_FLOW_OK;
+  GstVideoInfo info;
+  GstBuffer* buffer = gst_sample_get_buffer(sample);
+  GstMapInfo map;
+  if (gst_video_info_from_caps(&info, gst_sample_get_caps(sample)) &&
+      gst_buffer_map(buffer, &map, GST_MAP_READ)) {
+    FrameSlot* slot = nullptr;
+    bool first = false;
+    {
+      std::lock_guard<std::mutex> lock(sub->mutex_);
+      slot = sub->slot_;
+      first = sub->first_frame_;
+      sub->first_frame_ = false;
+    }
+    if (slot) {
+      slot->Offer(map.data, GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info),
+                  GST_VIDEO_INFO_PLANE_STRIDE(&info, 0));
+    }
+    gst_buffer_unmap(buffer, &map);
+    if (first && sub->events_.video_started && !sub->stopped_) sub->events_.video_started();
+  }
+  gst_sample_unref(sample);
+  return GST_FLOW_OK;
+}
+
+void Subscriber::SetPlayback(double gain, bool muted) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  gain_ = std::clamp(gain, 0.0, 10.0);
+  muted_ = muted;
+  if (volume_) g_object_set(volume_, "volume", gain_, "mute", muted_, nullptr);
+}
+
+void Subscriber::Render(FrameSlot* slot, ktengine_pixel_format format, int width, int height) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  slot_ = slot;
+  format_ = format;
+  width_ = width;
+  height_ = height;
+  ApplyRender();
+}
+
+void Subscriber::StopRender() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  slot_ = nullptr;
+  ApplyRender();
+}
+
+void Subscriber::ApplyRender() {
+  if (!gate_ || !caps_) return;
+  if (slot_) {
+    const char* format = format_ == KTENGINE_RGB888     ? "RGB"
+                         : format_ == KTENGINE_BGRA8888 ? "BGRA"
+                                                        : "RGBA";
+    GstCaps* caps = gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, format, "width",
+                                        G_TYPE_INT, width_, "height", G_TYPE_INT, height_, nullptr);
+    g_object_set(caps_, "caps", caps, nullptr);
+    gst_caps_unref(caps);
+  }
+  first_frame_ = true;
+  g_object_set(gate_, "drop", slot_ == nullptr, nullptr);
+}
+
+}  // namespace ktopen

@@ -1,0 +1,167 @@
+// The GStreamer side of a meeting: the publishing peer connection (microphone and camera, Opus and
+// VP8, one webrtcbin) and one receiving peer connection per remote publisher, with decoded audio
+// levels and decoded frames. Signalling is the caller's: these classes make and take SDP texts and
+// ICE candidates.
+#ifndef KTOPEN_MEDIA_H
+#define KTOPEN_MEDIA_H
+
+#include <gst/gst.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "ktengine/frame.h"
+
+namespace ktopen {
+
+// Starts GStreamer once; false with a reason when it or an element the engines need is missing.
+bool InitMedia(std::string* error);
+
+// What a peer tells its owner. Called on GStreamer's threads; must not block for long.
+struct PeerEvents {
+  std::function<void()> negotiation_needed;
+  std::function<void(unsigned mline, const std::string& candidate)> candidate;  // "" when done
+  std::function<void(double rms_db)> level;  // every 100 ms: mic (publisher) or decoded audio
+  std::function<void()> video_started;       // the first decoded frame (subscriber)
+};
+
+// Link figures of a peer connection, summed over its streams.
+struct PeerStats {
+  uint64_t bytes_sent = 0;
+  uint64_t bytes_received = 0;
+  int64_t packets_lost = 0;       // by the remote side (outbound) or by us (inbound)
+  uint64_t packets_received = 0;  // inbound
+  double fraction_lost = 0;       // reported by the remote side, 0..1
+  double round_trip_s = 0;
+  double jitter_s = 0;
+};
+
+// The part both peers share: a pipeline with one webrtcbin whose ICE agent keeps to the address
+// that reaches the meeting server.
+class Peer {
+ public:
+  Peer(const Peer&) = delete;
+  Peer& operator=(const Peer&) = delete;
+  virtual ~Peer();
+
+  // An offer or answer made and set as the local description; its SDP text, or "" on failure.
+  std::string CreateOffer(std::string* error);
+  std::string CreateAnswer(std::string* error);
+  // Sets the remote description, keeping only the candidates on the meeting server's address.
+  bool SetRemote(const std::string& type, const std::string& sdp, std::string* error);
+  // A remote candidate, dropped unless it is on the meeting server's address.
+  void AddRemoteCandidate(unsigned mline, const std::string& candidate);
+  PeerStats Stats();
+  void Stop();
+
+ protected:
+  Peer(const std::string& local_ip, const std::string& server_ip, PeerEvents events);
+  bool Setup(std::string* error);  // creates the pipeline and webrtcbin
+  bool Play(std::string* error);
+
+  static void OnNegotiationNeeded(GstElement* webrtc, gpointer self);
+  static void OnIceCandidate(GstElement* webrtc, guint mline, gchar* candidate, gpointer self);
+  static void OnGatheringState(GstElement* webrtc, GParamSpec* spec, gpointer self);
+  static GstBusSyncReply OnBusMessage(GstBus* bus, GstMessage* message, gpointer self);
+  std::string KeepServerCandidates(const std::string& sdp) const;
+  bool OnServerAddress(const std::string& candidate) const;
+
+  static PeerStats ParseStats(const GstStructure* reply);
+
+  std::string local_ip_;
+  std::string server_ip_;
+  std::mutex stats_mutex_;
+  PeerStats stats_;
+  PeerEvents events_;
+  GstElement* pipeline_ = nullptr;
+  GstElement* webrtc_ = nullptr;
+  std::atomic<bool> stopped_{false};
+};
+
+class Publisher : public Peer {
+ public:
+  Publisher(const std::string& local_ip, const std::string& server_ip, PeerEvents events)
+      : Peer(local_ip, server_ip, std::move(events)) {}
+  // Builds and starts the pipeline with the given sources ("" for none: silence, black frames).
+  bool Start(const std::string& microphone, const std::string& camera, int width, int height,
+             int fps, std::string* error);
+  // Switches the source in place (a new device, or on and off); volume 0..100.
+  void SetMicrophone(const std::string& id, bool enabled, int volume);
+  void SetCamera(const std::string& id, bool enabled, int width, int height, int fps);
+
+ private:
+  void Swap(GstElement** current, GstElement* replacement, const char* downstream);
+
+  GstElement* audio_source_ = nullptr;
+  GstElement* video_source_ = nullptr;
+  std::string microphone_;  // the device behind audio_source_ ("" silence)
+  std::string camera_;      // the device behind video_source_ ("" black)
+};
+
+// The frames of one rendered stream, shared between the decoder's thread (which leaves the newest
+// frame here) and the host's polling thread (which takes it into the stream's descriptor).
+class FrameSlot {
+ public:
+  FrameSlot() = default;
+  FrameSlot(const FrameSlot&) = delete;
+  FrameSlot& operator=(const FrameSlot&) = delete;
+  ~FrameSlot();  // the descriptor goes back to the pool, never to the heap
+  // Rendering starts with a descriptor for width x height in that format; returns the descriptor.
+  ktengine_frame* Start(const std::string& stream_id, ktengine_pixel_format format, int width,
+                        int height);
+  void Stop();
+  bool rendering() const;
+  // A decoded frame in the rendering format, `stride` bytes per row.
+  void Offer(const uint8_t* pixels, int width, int height, int stride);
+  // Writes the newest frame into the descriptor: 1 when there was one since the last call.
+  int Take();
+
+ private:
+  mutable std::mutex mutex_;
+  ktengine_frame* frame_ = nullptr;  // GUARDED_BY(mutex_)
+  bool rendering_ = false;
+  bool fresh_ = false;
+  std::vector<uint8_t> pending_;
+  int width_ = 0, height_ = 0;
+  std::mutex write_mutex_;  // one Take at a time
+};
+
+class Subscriber : public Peer {
+ public:
+  Subscriber(const std::string& local_ip, const std::string& server_ip, PeerEvents events)
+      : Peer(local_ip, server_ip, std::move(events)) {}
+  ~Subscriber() override;
+  // Prepares the pipeline; decoding chains are added as the remote streams appear. `speaker` is
+  // the playback device ("" or the null speaker: nowhere).
+  bool Start(const std::string& speaker, std::string* error);
+  // Playback gain (1.0 = unchanged) and mute.
+  void SetPlayback(double gain, bool muted);
+  // Decoded frames go to `slot` in that format and size while rendering.
+  void Render(FrameSlot* slot, ktengine_pixel_format format, int width, int height);
+  void StopRender();
+
+ private:
+  static void OnPadAdded(GstElement* webrtc, GstPad* pad, gpointer self);
+  static GstFlowReturn OnSample(GstElement* sink, gpointer self);
+  void ApplyRender();
+
+  std::string speaker_;
+  std::mutex mutex_;
+  GstElement* volume_ = nullptr;  // GUARDED_BY(mutex_)
+  GstElement* gate_ = nullptr;    // GUARDED_BY(mutex_)
+  GstElement* caps_ = nullptr;    // GUARDED_BY(mutex_)
+  double gain_ = 1.0;
+  bool muted_ = false;
+  FrameSlot* slot_ = nullptr;
+  ktengine_pixel_format format_ = KTENGINE_RGB888;
+  int width_ = 0, height_ = 0;
+  bool first_frame_ = true;
+};
+
+}  // namespace ktopen
+
+#endif  // KTOPEN_MEDIA_H

@@ -1,0 +1,275 @@
+/*
+ * live-host: one participant of tools/live-meeting, a host written in plain C against convoke.h.
+ * It joins a meeting, publishes the virtual test-pattern camera and test-tone microphone, renders
+ * the other participant's video, and counts what arrives from it. Two roles make both sides see the
+ * other arrive and leave:
+ *   stay    measure, wait for the other to leave and come back, then leave;
+ *   rejoin  measure, leave, join again, wait for the other to leave.
+ *
+ *   live-host --server HOST --meeting ID --name NAME --uuid UUID --role stay|rejoin
+ *             [--window SECONDS] [--snapshot FILE.png]
+ *
+ * The last line is "live-host NAME: frames F, first frame T ms, amplitude P, arrivals A,
+ * departures D, snapshot S" and the exit status is 0 when every expectation held.
+ */
+#define _POSIX_C_SOURCE 200809L
+
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include "convoke/convoke.h"
+#include "demo_frame.h"
+
+#define TEXT 160
+
+static struct {
+  pthread_mutex_t lock;
+  char self[TEXT];
+  char other[TEXT];  /* the other participant's UUID once seen */
+  char stream[TEXT]; /* its video stream */
+  int otherPresent;
+  int enablePending;
+  double otherSince;  /* when its video was announced */
+  double firstFrame;  /* when its first frame arrived (0: none yet) */
+  double windowStart; /* counting starts at the first frame */
+  double windowSeconds;
+  unsigned long frames;     /* frames of the other's stream inside the window */
+  unsigned long amplitudes; /* amplitude events above zero from the other inside the window */
+  unsigned long arrivals, departures;
+  int wantSnapshot;
+  DemoImage last;
+} m;
+
+static double now(void) {
+  struct timespec t;
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return (double)t.tv_sec + (double)t.tv_nsec / 1e9;
+}
+
+static void pause_ms(int ms) {
+  struct timespec t = {ms / 1000, (long)(ms % 1000) * 1000000L};
+  nanosleep(&t, NULL);
+}
+
+static int inWindow(double t) { return m.windowStart > 0 && t - m.windowStart <= m.windowSeconds; }
+
+static void onAdded(const char* uuid) {
+  pthread_mutex_lock(&m.lock);
+  if (strcmp(uuid, m.self) != 0) {
+    snprintf(m.other, TEXT, "%s", uuid);
+    m.otherPresent = 1;
+    ++m.arrivals;
+  }
+  pthread_mutex_unlock(&m.lock);
+}
+
+static void onRemoved(const char* uuid) {
+  pthread_mutex_lock(&m.lock);
+  if (strcmp(uuid, m.other) == 0) {
+    m.otherPresent = 0;
+    m.stream[0] = '\0';
+    ++m.departures;
+  }
+  pthread_mutex_unlock(&m.lock);
+}
+
+static void onVideoAdded(const char* uuid, const char* id) {
+  pthread_mutex_lock(&m.lock);
+  if (strcmp(uuid, m.self) != 0) {
+    snprintf(m.stream, TEXT, "%s", id);
+    m.enablePending = 1;
+    m.otherSince = now();
+  }
+  pthread_mutex_unlock(&m.lock);
+}
+
+static void onFrame(const char* id, void* buffer) {
+  const double t = now();
+  pthread_mutex_lock(&m.lock);
+  if (strcmp(id, m.stream) == 0) {
+    if (m.firstFrame == 0) m.firstFrame = m.windowStart = t;
+    if (inWindow(t)) {
+      ++m.frames;
+      if (m.wantSnapshot) demo_image_copy_frame(&m.last, buffer);
+    }
+  }
+  pthread_mutex_unlock(&m.lock);
+}
+
+static void onAmplitude(const char* uuid, unsigned char amplitude, bool muted) {
+  (void)muted;
+  pthread_mutex_lock(&m.lock);
+  if (strcmp(uuid, m.other) == 0 && amplitude > 0 && inWindow(now())) ++m.amplitudes;
+  pthread_mutex_unlock(&m.lock);
+}
+
+static int joined = -1;
+static void onJoined(bool ok) { joined = ok ? 1 : 0; }
+
+#define REGISTER(slot, fn)                     \
+  do {                                         \
+    void* pointer_;                            \
+    memcpy(&pointer_, &(fn), sizeof pointer_); \
+    SetDelegateCallback((slot), pointer_);     \
+  } while (0)
+
+static void registerCallbacks(void) {
+  ConvokeParticipantCallback added = onAdded, removed = onRemoved;
+  ConvokeParticipantStreamCallback videoAdded = onVideoAdded;
+  ConvokeVideoBufferCallback frame = onFrame;
+  ConvokeAmplitudeCallback amplitude = onAmplitude;
+  REGISTER(DelegateCallbackSlotParticipantAdded, added);
+  REGISTER(DelegateCallbackSlotParticipantRemoved, removed);
+  REGISTER(DelegateCallbackSlotParticipantVideoAdded, videoAdded);
+  REGISTER(DelegateCallbackSlotVideoFrameReady, frame);
+  REGISTER(DelegateCallbackSlotParticipantAmplitudeChanged, amplitude);
+}
+
+static int join(const char* server, const char* meeting, const char* name) {
+  joined = -1;
+  joinMeeting(server, meeting, "live-meeting-key", m.self, name, onJoined);
+  if (joined != 1) {
+    fprintf(stderr, "live-host %s: could not join: %s\n", name, getLastError());
+    return -1;
+  }
+  if (!enableAudioInput("test-tone") || !enableAudioOutput("null-speaker") ||
+      !enableVideoCapture("test-pattern", "VP8 640x480 (30FPS)")) {
+    fprintf(stderr, "live-host %s: devices refused: %s\n", name, getLastError());
+    return -1;
+  }
+  return 0;
+}
+
+/* Waits up to `limit` seconds for `done`, rendering the other's stream once it is announced. */
+static int waitFor(int (*done)(void), double limit) {
+  const double end = now() + limit;
+  while (now() < end) {
+    char stream[TEXT] = "";
+    pthread_mutex_lock(&m.lock);
+    if (m.enablePending) {
+      m.enablePending = 0;
+      snprintf(stream, TEXT, "%s", m.stream);
+    }
+    pthread_mutex_unlock(&m.lock);
+    if (stream[0] != '\0' && !enableVideoStream(stream, "RGB888")) {
+      fprintf(stderr, "live-host: rendering refused: %s\n", getLastError());
+    }
+    pthread_mutex_lock(&m.lock);
+    const int ok = done();
+    pthread_mutex_unlock(&m.lock);
+    if (ok) return 0;
+    pause_ms(20);
+  }
+  return -1;
+}
+
+static int otherHere(void) { return m.otherPresent; }
+static int otherGone(void) { return !m.otherPresent; }
+static int windowOver(void) { return m.windowStart > 0 && now() - m.windowStart > m.windowSeconds; }
+
+/* The SMPTE bars of the test pattern: seven bars across the upper part of the picture. */
+static int looksLikeTestPattern(const DemoImage* image) {
+  static const int bars[7][3] = {{192, 192, 192}, {192, 192, 0}, {0, 192, 192}, {0, 192, 0},
+                                 {192, 0, 192},   {192, 0, 0},   {0, 0, 192}};
+  int i, c;
+  if (image->pixels == NULL) return 0;
+  for (i = 0; i < 7; ++i) {
+    const int x = (2 * i + 1) * image->width / 14, y = image->height / 3;
+    const unsigned char* p = image->pixels + ((size_t)y * image->width + x) * 3;
+    for (c = 0; c < 3; ++c) {
+      if (abs(p[c] - bars[i][c]) > 48) return 0;
+    }
+  }
+  return 1;
+}
+
+int main(int argc, char** argv) {
+  const char *server = NULL, *meeting = NULL, *name = NULL, *role = "stay", *snapshot = NULL;
+  const char* snapshotResult = "none";
+  int i, failed = 0;
+  double joinedAt;
+  m.windowSeconds = 10;
+  for (i = 1; i + 1 < argc; i += 2) {
+    if (strcmp(argv[i], "--server") == 0)
+      server = argv[i + 1];
+    else if (strcmp(argv[i], "--meeting") == 0)
+      meeting = argv[i + 1];
+    else if (strcmp(argv[i], "--name") == 0)
+      name = argv[i + 1];
+    else if (strcmp(argv[i], "--uuid") == 0)
+      snprintf(m.self, TEXT, "%s", argv[i + 1]);
+    else if (strcmp(argv[i], "--role") == 0)
+      role = argv[i + 1];
+    else if (strcmp(argv[i], "--window") == 0)
+      m.windowSeconds = atof(argv[i + 1]);
+    else if (strcmp(argv[i], "--snapshot") == 0)
+      snapshot = argv[i + 1];
+  }
+  if (!server || !meeting || !name || m.self[0] == '\0' || i != argc) {
+    fprintf(stderr,
+            "usage: live-host --server HOST --meeting ID --name NAME --uuid UUID "
+            "--role stay|rejoin [--window SECONDS] [--snapshot FILE.png]\n");
+    return 2;
+  }
+  pthread_mutex_init(&m.lock, NULL);
+  m.wantSnapshot = snapshot != NULL;
+  ConvokeInitialize();
+  registerCallbacks();
+
+  if (join(server, meeting, name) != 0) return 1;
+  joinedAt = now();
+  if (waitFor(otherHere, 30) != 0) {
+    fprintf(stderr, "live-host %s: the other participant never arrived\n", name);
+    failed = 1;
+  } else if (waitFor(windowOver, 30 + m.windowSeconds) != 0) {
+    fprintf(stderr, "live-host %s: no frame from the other participant\n", name);
+    failed = 1;
+  }
+  if (snapshot != NULL) {
+    const DemoImage* images[1];
+    pthread_mutex_lock(&m.lock);
+    images[0] = &m.last;
+    snapshotResult = looksLikeTestPattern(&m.last) ? "test pattern" : "wrong picture";
+    if (m.last.pixels == NULL || demo_write_mosaic(snapshot, images, 1) != 0) {
+      snapshotResult = "missing";
+    }
+    pthread_mutex_unlock(&m.lock);
+  }
+  if (!failed && strcmp(role, "rejoin") == 0) {
+    exitMeeting();
+    pause_ms(1500);
+    pthread_mutex_lock(&m.lock);
+    m.otherPresent = 0;
+    pthread_mutex_unlock(&m.lock);
+    if (join(server, meeting, name) != 0 || waitFor(otherHere, 20) != 0 ||
+        waitFor(otherGone, 30) != 0) {
+      fprintf(stderr, "live-host %s: did not see the other leave after rejoining\n", name);
+      failed = 1;
+    }
+  } else if (!failed) {
+    if (waitFor(otherGone, 30) != 0 || waitFor(otherHere, 30) != 0) {
+      fprintf(stderr, "live-host %s: did not see the other leave and come back\n", name);
+      failed = 1;
+    }
+    pause_ms(2000); /* the other sees us before we go */
+  }
+  exitMeeting();
+
+  pthread_mutex_lock(&m.lock);
+  const double first =
+      m.firstFrame > 0 ? (m.firstFrame - (m.otherSince > joinedAt ? m.otherSince : joinedAt)) * 1000
+                       : -1;
+  printf(
+      "live-host %s: frames %lu, first frame %.0f ms, amplitude %lu, arrivals %lu, departures %lu, "
+      "snapshot %s\n",
+      name, m.frames, first, m.amplitudes, m.arrivals, m.departures, snapshotResult);
+  if (m.frames == 0 || m.amplitudes == 0 || m.arrivals == 0 || m.departures == 0) failed = 1;
+  if (snapshot != NULL && strcmp(snapshotResult, "test pattern") != 0) failed = 1;
+  pthread_mutex_unlock(&m.lock);
+  fflush(stdout);
+  ConvokeDeallocate();
+  return failed;
+}
