@@ -35,9 +35,19 @@ timeout 10 unshare --net --pid --fork --mount-proc -- ip link add v0 type veth p
   >/dev/null 2>&1 || skip "this machine does not allow a private network namespace with a veth pair"
 [ -x "${command[0]}" ] || skip "${command[0]#"$root/"} is not there"
 
+# Packets on the machine's own interfaces, to show what the run added there: nothing of the
+# meeting should, so anything seen is other traffic of the machine (informative, not a verdict).
+host_packets() { awk 'NR > 2 { sub(":", "", $1); if ($1 != "lo") print $1, $3, $11 }' /proc/net/dev; }
+
 output=$(mktemp)
-trap 'rm -f "$output"' EXIT
+before=$(mktemp)
+trap 'rm -f "$output" "$before"' EXIT
+host_packets >"$before"
 timeout -k 10 270 "${command[@]}" 2>&1 | tee "$output"
+host_packets | awk 'NR == FNR { rx[$1] = $2; tx[$1] = $3; next }
+  { line = line sprintf(" %s +%d/+%d", $1, $2 - rx[$1], $3 - tx[$1]) }
+  END { print "run-live: packets received/sent on the host'"'"'s interfaces during the run:" line }' \
+  "$before" -
 last=$(tail -n 1 "$output")
 case "$last" in
   "$verdict"*) exit 0 ;;
