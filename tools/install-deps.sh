@@ -1,7 +1,19 @@
 #!/usr/bin/env bash
 # Installs what building, testing and running Convoke needs on Debian 12, and nothing when it is
 # all there already. Run as root.
+#
+#   bash tools/install-deps.sh           the build, the tests and the demo on the simulated engines
+#   bash tools/install-deps.sh --live    also the open engines and the meeting server for real
+#                                        meetings (about 1 GB more)
 set -euo pipefail
+
+live=false
+for argument in "$@"; do
+  case "$argument" in
+    --live) live=true ;;
+    *) echo "usage: tools/install-deps.sh [--live]" >&2; exit 2 ;;
+  esac
+done
 
 packages=(
   cmake ninja-build g++ clang pkg-config binutils   # toolchain (clang: sanitizers and fuzzing)
@@ -11,6 +23,17 @@ packages=(
   libbenchmark-dev libpugixml-dev                   # benchmarks (pugixml is a comparison peer)
   libpng-dev                                        # convoke-demo --snapshot
 )
+if $live; then
+  packages+=(
+    janus                                           # the meeting server (a separate process)
+    libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstreamer-plugins-bad1.0-dev  # webrtcbin
+    gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad  # Opus, VP8
+    gstreamer1.0-nice libnice-dev                   # ICE
+    libsoup-3.0-dev libjson-glib-dev                # the server's HTTP API
+    gstreamer1.0-plugins-base-apps gstreamer1.0-tools  # gst-device-monitor-1.0, gst-inspect-1.0
+    iproute2 util-linux curl                        # tools/meeting-server: namespace, veth, probes
+  )
+fi
 
 missing=()
 for package in "${packages[@]}"; do
