@@ -189,8 +189,10 @@ Observation run(const std::vector<std::pair<bool, std::string>>& events,
   Telmora::VideoEvents* videoEvents = Telmora::VideoEvents::sharedInstance();
   o.tasks.push_back("count " + std::to_string(videoEvents->taskCount()));
   for (const std::string& id : candidates) {
-    auto state = videoEvents->registeredState(id);
-    if (state) o.tasks.push_back(id + " " + std::to_string(state->pixelBuffer));
+    uint64_t pixelBuffer = 0;
+    if (videoEvents->registeredPixelBuffer(id, pixelBuffer)) {
+      o.tasks.push_back(id + " " + std::to_string(pixelBuffer));
+    }
   }
   char buffer[4096];
   for (std::size_t i = 0; i < ktsim_log_count(); ++i) {

@@ -376,6 +376,14 @@ std::size_t VideoEvents::taskCount() const {
   return timerTasks.size();
 }
 
+bool VideoEvents::registeredPixelBuffer(const std::string& streamId, uint64_t& out) const {
+  std::lock_guard<std::mutex> lock(tasksMutex_);
+  auto found = timerTasks.find(streamId);
+  if (found == timerTasks.end()) return false;
+  out = found->second.state()->pixelBuffer;
+  return true;
+}
+
 }  // namespace Telmora
 
 extern "C" void videoCallback(void*, const char* xml) {

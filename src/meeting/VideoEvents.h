@@ -74,6 +74,8 @@ class VideoEvents {
   // True when the task registered for a stream is the one with this state, or none is.
   bool isRegisteredOrAbsent(const std::string& streamId, const VideoTimerTask::State* state) const;
   std::size_t taskCount() const;
+  // The buffer handle of the task registered for a stream (tests and the differential fuzzer).
+  bool registeredPixelBuffer(const std::string& streamId, uint64_t& out) const;
 
   Convoke* const meeting;
 
