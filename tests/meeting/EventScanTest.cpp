@@ -11,6 +11,7 @@
 #include "meeting/Convoke.h"
 #include "meeting/EventDocument.h"
 #include "meeting/EventRouting.h"
+#include "meeting/QuietDelegate.h"
 
 namespace Telmora {
 namespace {
@@ -110,24 +111,12 @@ TEST(FlatEvent, NearCanonicalDocumentsTakeTheTreePath) {
 }
 
 // Records the calls of the amplitude route and, at each, whether a tree was alive.
-class AmplitudeProbe : public MeetingDelegate {
+class AmplitudeProbe : public QuietDelegate {
  public:
   std::size_t recordsAtStart = 0;
   std::size_t recordsDuringCall = 0;
   int calls = 0;
   std::string lines;
-  void participantAdded(const Participant&) override {}
-  void participantRemoved(const Participant&) override {}
-  void participantAudioAdded(const Participant&) override {}
-  void participantAudioUpdated(const Participant&) override {}
-  void participantVideoAdded(const Participant&, std::string) override {}
-  void participantVideoUpdated(const Participant&, std::string) override {}
-  void participantVideoRemoved(const Participant&, std::string) override {}
-  void participantVideoRemoteLayoutChanged(const Participant&, std::string) override {}
-  void videoStreamBufferReady(std::string, void*) override {}
-  void videoFrameReady(std::string, void*) override {}
-  void inputMeterChanged(unsigned char) override {}
-  void outputMeterChanged(unsigned char) override {}
   void participantAmplitudeChanged(const Participant& p, unsigned char level, bool muted) override {
     ++calls;
     recordsDuringCall = kt::MemoryManager::Instance()->Count();
@@ -136,10 +125,6 @@ class AmplitudeProbe : public MeetingDelegate {
   void logMessage(unsigned int level, const std::string& text) override {
     lines += std::to_string(level) + " " + text + "\n";
   }
-  void binaryPlaybackEnded(unsigned long long) override {}
-  void binaryPlaybackFailed(unsigned long long) override {}
-  void audioConditionUpdate(AudioCondition&) override {}
-  void videoConditionUpdate(VideoCondition&) override {}
 };
 
 TEST(EventRouting, CanonicalEventsBuildNoTreeAndReportAsTheTreeDoes) {
