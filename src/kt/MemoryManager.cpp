@@ -84,8 +84,10 @@ inline void CpuRelax() {
 
 // Reads the header in front of a pointer that may not come from this manager, or that may already
 // have been returned to the system heap. The memory is readable (see Free's contract) but belongs
-// to someone else, so the address sanitizer must not instrument this one read.
-#if defined(__clang__) || defined(__GNUC__)
+// to someone else, so the sanitizers must not instrument this one read.
+#if defined(__clang__)
+__attribute__((no_sanitize("address", "thread")))
+#elif defined(__GNUC__)
 __attribute__((no_sanitize("address")))
 #endif
 bool IsLiveBlock(const void* p) {
