@@ -156,7 +156,7 @@ void freshMeeting() {
       "</stream></event>",
       "<event name=\"video_site_changed\"><stream id=\"lv\"><email>x</email>"
       "<active>true</active><name>Cam</name><local>true</local><layout>0</layout>"
-      "<width>1280</width><height>720</height><device_name>FaceTime</device_name></stream>"
+      "<width>1280</width><height>720</height><device_name>Lumen HD</device_name></stream>"
       "</event>",
   };
   for (const char* text : audio) Telmora::routeAudioEvent(text, Telmora::EventPath::kTreeOnly);

@@ -193,11 +193,11 @@ void deviceSwitcher(const std::atomic<bool>& stop, unsigned seed) {
     setAudioOutputVolume("spk-builtin", static_cast<unsigned char>(random() % 101));
     char** cameras = nullptr;
     getVideoDevices(&cameras, &count, nullptr, nullptr);
-    getSupportedVideoSendResolutions("cam-facetime", nullptr, &count);
+    getSupportedVideoSendResolutions("cam-lumen", nullptr, &count);
     if (random() % 3 == 0) {
-      enableVideoCapture("cam-facetime", "H.264 360p (30FPS)");
+      enableVideoCapture("cam-lumen", "H.264 360p (30FPS)");
     } else {
-      diableVideoCapture("cam-facetime");
+      diableVideoCapture("cam-lumen");
     }
     if (enableAudioInput("") != 0 || std::strcmp(getLastError(), "Invalid device name") != 0) {
       gWrongAnswers.fetch_add(1);
