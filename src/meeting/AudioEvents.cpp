@@ -92,8 +92,7 @@ bool AudioEvents::processAudioSiteChangedOn(const D& document, typename D::Node 
   }
   const std::string siteText = document.text(site).str();
   const AudioInfo info(id, siteText);
-  // Every announced stream starts at half volume.
-  meeting->setAudioStreamVolume(id, 50);
+  meeting->setAudioStreamVolume(id, Convoke::kStartingPlaybackVolume);
 
   const std::string uuid = document.text(email).str();
   bool existed = false;

@@ -21,6 +21,29 @@ thread_local std::string tLastError;
 // Size of the buffer handed to the engines' GetLastError.
 constexpr int kEngineErrorBufferSize = 1024;
 
+// The engines' server URL: "rtsp://" + server + kMediaPortAndPath + path number + "/" + meeting.
+const char kMediaPortAndPath[] = ":46000/kt.sdp/";
+const char kAudioPathNumber[] = "4";
+const char kVideoPathNumber[] = "6";
+
+// What both Connect calls pass after the URL besides the participant's own texts. Their meaning is
+// the engines' own; the session passes them verbatim.
+const char kConnectMode[] = "auto";
+const char kConnectUnused[] = "";
+const char kConnectCipher[] = "AES256";
+constexpr int kConnectFlag1 = 0;
+constexpr int kConnectFlag2 = 1;
+constexpr int kConnectFlag3 = 0;
+
+// Keys of this length or more belong to registered users; shorter ones join as guests.
+constexpr std::size_t kRegisteredKeyLength = 45;
+const char kGuestUuidPrefix[] = "guest-1@1-";
+
+std::string mediaUrl(const std::string& server, const char* pathNumber,
+                     const std::string& meetingId) {
+  return "rtsp://" + server + kMediaPortAndPath + pathNumber + "/" + meetingId;
+}
+
 // A parsed engine state document; empty when the engine has none.
 class StateDocument {
  public:
@@ -33,10 +56,21 @@ class StateDocument {
   kt::XMLElement root_;
 };
 
-std::string attributeValue(const kt::XMLElement* element, const char* name, bool* found) {
-  const kt::XMLAttribute* attribute = element->FindAttributeByName(name);
-  *found = attribute != nullptr;
-  return attribute != nullptr ? attribute->value : std::string();
+// Calls use(id, device) for every "device" child of list that has an "id" attribute, in order.
+template <class Use>
+void forEachDevice(kt::XMLElement* list, Use use) {
+  std::vector<kt::XMLElement*> elements;
+  list->FindElements("device", elements);
+  for (kt::XMLElement* device : elements) {
+    const kt::XMLAttribute* id = device->FindAttributeByName("id");
+    if (id != nullptr) use(id->value, device);
+  }
+}
+
+// True when element has a child named name whose text is "true".
+bool flagSet(kt::XMLElement* element, const char* name) {
+  kt::XMLElement* flag = element->FindElementByName(name);
+  return flag != nullptr && flag->value == "true";
 }
 
 // The "inputs" element of the video state (inside "video"), or null after logging the member's
@@ -69,26 +103,30 @@ void listAudioDevices(const char* member, const char* listName, std::vector<std:
     logLine(prefix + "cannot find " + listName + " element");
     return;
   }
-  std::vector<kt::XMLElement*> elements;
-  list->FindElements("device", elements);
-  for (kt::XMLElement* device : elements) {
-    bool hasId = false;
-    std::string id = attributeValue(device, "id", &hasId);
-    if (!hasId) continue;
-    kt::XMLElement* mark = device->FindElementByName("preferred");
-    if (mark != nullptr && mark->value == "true") preferred = id;
-    devices.push_back(std::move(id));
-  }
+  forEachDevice(list, [&](const std::string& id, kt::XMLElement* device) {
+    if (flagSet(device, "preferred")) preferred = id;
+    devices.push_back(id);
+  });
 }
 
+}  // namespace
+
+namespace {
+std::atomic<Convoke*> gSession{nullptr};
 }  // namespace
 
 Convoke* Convoke::sharedInstance() {
   // Created once, never destroyed: engine and timer threads may still use it while the process
   // exits.
-  static Convoke* const instance = new Convoke();
+  static Convoke* const instance = [] {
+    Convoke* session = new Convoke();
+    gSession.store(session, std::memory_order_release);
+    return session;
+  }();
   return instance;
 }
+
+Convoke* Convoke::existingInstance() { return gSession.load(std::memory_order_acquire); }
 
 Convoke::Convoke() {
   AudioSetCallback(audioCallback);
@@ -101,7 +139,7 @@ std::string Convoke::getLastError() const { return tLastError; }
 
 std::string Convoke::getDisplayName() const {
   std::lock_guard<std::mutex> lock(stateMutex_);
-  return displayName;
+  return displayName_;
 }
 
 void Convoke::setLastError(const std::string& text) { tLastError = text; }
@@ -119,23 +157,25 @@ void Convoke::joinMeeting(const std::string& server, const std::string& meetingI
   logLine("Convoke:    joinMeeting: " + meetingId + " on " + server + " as " + name);
   {
     std::lock_guard<std::mutex> lock(stateMutex_);
-    displayName = name;
+    displayName_ = name;
   }
-  const std::string audioUrl = "rtsp://" + server + ":46000/kt.sdp/4/" + meetingId;
+  const std::string audioUrl = mediaUrl(server, kAudioPathNumber, meetingId);
   logLine("Convoke: Connecting to " + audioUrl);
 
-  // Keys of 45 characters or more belong to registered users; shorter ones join as guests.
   std::string uuid = participantUuid;
   if (uuid.empty()) {
-    uuid = meetingKey.size() >= 45 ? kt::GenerateUUID() : "guest-1@1-" + kt::GenerateUUID();
+    uuid = meetingKey.size() >= kRegisteredKeyLength ? kt::GenerateUUID()
+                                                     : kGuestUuidPrefix + kt::GenerateUUID();
   }
 
-  AudioConnect(audioUrl.c_str(), "auto", "", name.c_str(), uuid.c_str(), meetingKey.c_str(),
-               "AES256", 0, 1, 0);
-  const std::string videoUrl = "rtsp://" + server + ":46000/kt.sdp/6/" + meetingId;
+  // A failed audio connection does not stop the join: only the video engine's answer counts.
+  AudioConnect(audioUrl.c_str(), kConnectMode, kConnectUnused, name.c_str(), uuid.c_str(),
+               meetingKey.c_str(), kConnectCipher, kConnectFlag1, kConnectFlag2, kConnectFlag3);
+  const std::string videoUrl = mediaUrl(server, kVideoPathNumber, meetingId);
   logLine("Convoke: videoConnect: " + videoUrl);
-  const bool connected = VideoConnect(videoUrl.c_str(), "auto", "", name.c_str(), uuid.c_str(),
-                                      meetingKey.c_str(), "AES256", 0, 1, 0);
+  const bool connected =
+      VideoConnect(videoUrl.c_str(), kConnectMode, kConnectUnused, name.c_str(), uuid.c_str(),
+                   meetingKey.c_str(), kConnectCipher, kConnectFlag1, kConnectFlag2, kConnectFlag3);
   if (connected) {
     const Participant local(uuid, name, true);
     // An entry already filed under the UUID (a second join) is kept; the host still hears of the
@@ -153,7 +193,7 @@ void Convoke::exitMeeting() {
   VideoEvents::sharedInstance()->stopTasks();
   {
     std::lock_guard<std::mutex> lock(stateMutex_);
-    displayName.clear();
+    displayName_.clear();
   }
   participants.clear();
 }
@@ -175,26 +215,27 @@ bool Convoke::refuse(const char* message) {
   return false;
 }
 
-bool Convoke::acceptDeviceVolume(const std::string& deviceId, unsigned char volume) {
-  // The device is checked before the volume; only device volumes are limited to 0-100.
-  if (deviceId.empty()) return refuse("Invalid device");
-  if (volume > 100) return refuse("Invalid volume value");
-  setLastError("Success");
+bool Convoke::send(Engine engine, const char* logPrefix, const std::string& document) {
+  logLine(logPrefix + document);
+  const bool audio = engine == Engine::audio;
+  if (audio ? AudioSetRoot(document.c_str()) : VideoSetRoot(document.c_str())) return true;
+  readEngineError(audio ? AudioGetLastError : VideoGetLastError);
+  return false;
+}
+
+// Every command has one shape: the first failed check (refusal, null when all passed) becomes the
+// last error and nothing is sent; otherwise "Success" is recorded (before sending, or only once the
+// engine accepted), build() makes the document, which is logged after logPrefix and sent, and an
+// engine refusal leaves the engine's own text. build() runs only for a valid command and may do
+// the command's preparations.
+template <class Build>
+bool Convoke::command(Engine engine, const char* logPrefix, const char* refusal, Build build,
+                      SuccessAt successAt) {
+  if (refusal != nullptr) return refuse(refusal);
+  if (successAt == SuccessAt::beforeSending) setLastError("Success");
+  if (!send(engine, logPrefix, build())) return false;
+  if (successAt == SuccessAt::onAcceptance) setLastError("Success");
   return true;
-}
-
-bool Convoke::sendAudioCommand(const char* prefix, const std::string& command) {
-  logLine(prefix + command);
-  if (AudioSetRoot(command.c_str())) return true;
-  readEngineError(AudioGetLastError);
-  return false;
-}
-
-bool Convoke::sendVideoCommand(const char* prefix, const std::string& command) {
-  logLine(prefix + command);
-  if (VideoSetRoot(command.c_str())) return true;
-  readEngineError(VideoGetLastError);
-  return false;
 }
 
 // ---- audio commands --------------------------------------------------------------------------
@@ -205,10 +246,27 @@ const char kTonesCommand[] =
     "<audio><tones enabled=\"true\"/><conditions enabled=\"false\"/><aec "
     "enabled=\"true\"/></audio>";
 
+// A device comes on at this volume (the speaker at Convoke::kStartingPlaybackVolume) with this
+// profile.
+constexpr unsigned kStartingMicrophoneVolume = 100;
+const char kDeviceProfile[] = "opus-16k-mono";
+
+// Device volumes are percentages; stream volumes are passed through unchecked.
+constexpr unsigned char kMaxDeviceVolume = 100;
+
+const char* const kInvalidDeviceName = "Invalid device name";
+
 std::string deviceCommand(const char* direction, const std::string& deviceId,
                           const std::string& content) {
   return std::string("<audio><") + direction + "><device guid=\"\" id=\"" + deviceId + "\">" +
          content + "</device></" + direction + "></audio>";
+}
+
+std::string enableDeviceCommand(const char* direction, const std::string& deviceId,
+                                unsigned volume) {
+  return deviceCommand(direction, deviceId,
+                       "<enable>true</enable><volume>" + std::to_string(volume) +
+                           "</volume><profile>" + kDeviceProfile + "</profile>");
 }
 
 std::string deviceVolumeCommand(const char* direction, const std::string& deviceId,
@@ -217,65 +275,72 @@ std::string deviceVolumeCommand(const char* direction, const std::string& device
          std::to_string(volume) + "</volume></device></" + direction + "></audio>";
 }
 
+// The device is checked before the volume.
+const char* deviceVolumeRefusal(const std::string& deviceId, unsigned char volume) {
+  if (deviceId.empty()) return "Invalid device";
+  if (volume > kMaxDeviceVolume) return "Invalid volume value";
+  return nullptr;
+}
+
 }  // namespace
 
 bool Convoke::enableAudioInput(const std::string& deviceId) {
-  if (deviceId.empty()) return refuse("Invalid device name");
-  setLastError("Success");
-  const std::string command =
-      deviceCommand("input", deviceId,
-                    "<enable>true</enable><volume>100</volume><profile>opus-16k-mono</profile>");
-  if (!sendAudioCommand("Convoke: enableAudioInput: ", command)) return false;
+  if (!command(Engine::audio,
+               "Convoke: enableAudioInput: ", deviceId.empty() ? kInvalidDeviceName : nullptr,
+               [&] { return enableDeviceCommand("input", deviceId, kStartingMicrophoneVolume); })) {
+    return false;
+  }
   AudioSetRoot(kTonesCommand);
   return true;
 }
 
 bool Convoke::disableAudioInput(const std::string& deviceId) {
-  if (deviceId.empty()) return refuse("Invalid device name");
-  setLastError("Success");
-  const std::string command = deviceCommand("input", deviceId, "<enable>false</enable>");
-  if (!sendAudioCommand("Convoke: disableAudioInput: ", command)) return false;
+  if (!command(Engine::audio,
+               "Convoke: disableAudioInput: ", deviceId.empty() ? kInvalidDeviceName : nullptr,
+               [&] { return deviceCommand("input", deviceId, "<enable>false</enable>"); })) {
+    return false;
+  }
   AudioSetRoot(kTonesCommand);
   return true;
 }
 
 bool Convoke::enableAudioOutput(const std::string& deviceId) {
-  if (deviceId.empty()) return refuse("Invalid device name");
-  setLastError("Success");
-  const std::string command =
-      deviceCommand("output", deviceId,
-                    "<enable>true</enable><volume>50</volume><profile>opus-16k-mono</profile>");
-  return sendAudioCommand("Convoke: enableAudioOutput: ", command);
+  return command(Engine::audio,
+                 "Convoke: enableAudioOutput: ", deviceId.empty() ? kInvalidDeviceName : nullptr,
+                 [&] { return enableDeviceCommand("output", deviceId, kStartingPlaybackVolume); });
 }
 
 bool Convoke::disableAudioOutput(const std::string& deviceId) {
-  if (deviceId.empty()) return refuse("Invalid device name");
-  setLastError("Success");
-  const std::string command = deviceCommand("output", deviceId, "<enable>false</enable>");
-  return sendAudioCommand("Convoke: disableAudioOutput: ", command);
+  return command(Engine::audio,
+                 "Convoke: disableAudioOutput: ", deviceId.empty() ? kInvalidDeviceName : nullptr,
+                 [&] { return deviceCommand("output", deviceId, "<enable>false</enable>"); });
 }
 
 bool Convoke::setAudioStreamVolume(const std::string& streamId, unsigned char volume) {
-  if (streamId.empty()) return refuse("Invalid stream ID");
-  setLastError("Success");
-  const std::string command = "<audio><streams><stream id=\"" + streamId + "\"><volume>" +
-                              std::to_string(volume) + "</volume></stream></streams></audio>";
-  return sendAudioCommand("Convoke: setAudioStreamVolume: ", command);
+  return command(Engine::audio, "Convoke: setAudioStreamVolume: ",
+                 streamId.empty() ? "Invalid stream ID" : nullptr, [&] {
+                   return "<audio><streams><stream id=\"" + streamId + "\"><volume>" +
+                          std::to_string(volume) + "</volume></stream></streams></audio>";
+                 });
 }
 
 bool Convoke::setAudioInputVolume(const std::string& deviceId, unsigned char volume) {
-  if (!acceptDeviceVolume(deviceId, volume)) return false;
-  const std::string command = deviceVolumeCommand("input", deviceId, volume);
-  std::printf("setAudioInputVolume: %s\n", command.c_str());
-  return sendAudioCommand("Convoke: setAudioInputVolume: ", command);
+  return command(Engine::audio,
+                 "Convoke: setAudioInputVolume: ", deviceVolumeRefusal(deviceId, volume), [&] {
+                   std::string document = deviceVolumeCommand("input", deviceId, volume);
+                   // The input volume is also echoed to standard output.
+                   std::printf("setAudioInputVolume: %s\n", document.c_str());
+                   return document;
+                 });
 }
 
 bool Convoke::setAudioOutputVolume(const std::string& deviceId, unsigned char volume) {
-  if (!acceptDeviceVolume(deviceId, volume)) return false;
-  return sendAudioCommand("Convoke: setAudioOutputVolume: ",
-                          deviceVolumeCommand("output", deviceId, volume));
+  return command(Engine::audio,
+                 "Convoke: setAudioOutputVolume: ", deviceVolumeRefusal(deviceId, volume),
+                 [&] { return deviceVolumeCommand("output", deviceId, volume); });
 }
 
+// Sounds go to the engine's own entry points, not through a command document.
 bool Convoke::playSound(const char* data, unsigned long size) {
   logLine("Convoke: playSound: sound with data pointer: " +
           std::to_string(reinterpret_cast<uintptr_t>(data)) + ", size: " + std::to_string(size));
@@ -292,71 +357,84 @@ bool Convoke::stopSound(const char* data) {
 
 // ---- video commands --------------------------------------------------------------------------
 
+namespace {
+
+const char* const kInvalidCameraMode = "Invalid camera mode";
+const char* const kInvalidUrl = "Invalid URL";
+// The colour space of enableVideoStream(streamId).
+const char kDefaultColorspace[] = "RGB888";
+
+}  // namespace
+
 bool Convoke::enableVideoCapture(const std::string& deviceId, const std::string& mode) {
-  if (deviceId.empty()) return refuse("Invalid camera device");
-  if (mode.empty()) return refuse("Invalid camera mode");
-  setLastError("Success");
-  const std::string command = "<video><devices><device id=\"" + deviceId +
-                              "\"><enable>true</enable><site>" + getDisplayName() +
-                              "</site><name>" + deviceId + "</name><profile>" + mode +
-                              "</profile></device></devices></video>";
-  return sendVideoCommand("Convoke: enableVideoCapture: ", command);
+  const char* refusal = deviceId.empty() ? "Invalid camera device"
+                        : mode.empty()   ? kInvalidCameraMode
+                                         : nullptr;
+  return command(Engine::video, "Convoke: enableVideoCapture: ", refusal, [&] {
+    return "<video><devices><device id=\"" + deviceId + "\"><enable>true</enable><site>" +
+           getDisplayName() + "</site><name>" + deviceId + "</name><profile>" + mode +
+           "</profile></device></devices></video>";
+  });
 }
 
 bool Convoke::disableVideoCapture(const std::string& deviceId) {
-  if (deviceId.empty()) return refuse("Invalid camera device");
-  setLastError("Success");
-  const std::string command = "<video><devices><device id=\"" + deviceId +
-                              "\"><enable>false</enable></device></devices></video>";
-  return sendVideoCommand("Convoke: disableVideoCapture: ", command);
+  return command(Engine::video, "Convoke: disableVideoCapture: ",
+                 deviceId.empty() ? "Invalid camera device" : nullptr, [&] {
+                   return "<video><devices><device id=\"" + deviceId +
+                          "\"><enable>false</enable></device></devices></video>";
+                 });
 }
 
 bool Convoke::enableNetworkVideo(const std::string& url, const std::string& profile,
                                  const std::string& name) {
-  if (url.empty()) return refuse("Invalid URL");
-  if (profile.empty()) return refuse("Invalid camera mode");
-  setLastError("Success");
-  const std::string command = "<video><local_url><name>" + name + "</name><url>" + url +
-                              "</url><command>playback_start</command><profile>" + profile +
-                              "</profile></local_url></video>";
-  return sendVideoCommand("Convoke: enableNetworkVideo: ", command);
+  const char* refusal = url.empty() ? kInvalidUrl : profile.empty() ? kInvalidCameraMode : nullptr;
+  return command(Engine::video, "Convoke: enableNetworkVideo: ", refusal, [&] {
+    return "<video><local_url><name>" + name + "</name><url>" + url +
+           "</url><command>playback_start</command><profile>" + profile +
+           "</profile></local_url></video>";
+  });
 }
 
 bool Convoke::disableNetworkVideo(const std::string& url) {
-  if (url.empty()) return refuse("Invalid URL");
-  setLastError("Success");
-  const std::string command = "<video><local_url><url>" + url +
-                              "</url><command>playback_stop</command></local_url></video>";
-  return sendVideoCommand("Convoke: disableNetworkVideo: ", command);
+  return command(Engine::video,
+                 "Convoke: disableNetworkVideo: ", url.empty() ? kInvalidUrl : nullptr, [&] {
+                   return "<video><local_url><url>" + url +
+                          "</url><command>playback_stop</command></local_url></video>";
+                 });
 }
 
 bool Convoke::enableVideoStream(const std::string& streamId) {
-  return enableVideoStream(streamId, "RGB888");
+  return enableVideoStream(streamId, kDefaultColorspace);
 }
 
 bool Convoke::enableVideoStream(const std::string& streamId, const std::string& colorspace) {
+  // The previous poller of the stream stops before anything else, even when the command is refused.
   VideoEvents::sharedInstance()->stopTaskForStreamId(streamId);
   VideoInfo info;
-  if (!findVideoInfo(streamId, info)) return refuse("Can't find VideoInfo for streamId");
-  const std::string command =
-      "<video><streams><stream id=\"" + streamId + "\"><render><colorspace>" + colorspace +
-      "</colorspace><shmid>0</shmid><local>false</local><enable>true</enable><window><x>0</x><y>0</"
-      "y><width>" +
-      std::to_string(static_cast<uint32_t>(info.width)) + "</width><height>" +
-      std::to_string(static_cast<uint32_t>(info.height)) +
-      "</height></window></render></stream></streams></video>";
-  if (!sendVideoCommand("Convoke: enableVideoStr: ", command)) return false;
-  setLastError("Success");
-  return true;
+  const bool known = findVideoInfo(streamId, info);
+  return command(
+      Engine::video,
+      "Convoke: enableVideoStr: ", known ? nullptr : "Can't find VideoInfo for streamId",
+      [&] {
+        return "<video><streams><stream id=\"" + streamId + "\"><render><colorspace>" + colorspace +
+               "</colorspace><shmid>0</shmid><local>false</local><enable>true</"
+               "enable><window><x>0</x><y>0</y><width>" +
+               std::to_string(static_cast<uint32_t>(info.width)) + "</width><height>" +
+               std::to_string(static_cast<uint32_t>(info.height)) +
+               "</height></window></render></stream></streams></video>";
+      },
+      SuccessAt::onAcceptance);
 }
 
 bool Convoke::disableVideoStream(const std::string& streamId) {
-  if (streamId.empty()) return refuse("Invalid streamId");
-  setLastError("Success");
-  VideoEvents::sharedInstance()->stopTaskForStreamId(streamId);
-  const std::string command = "<video><streams><stream id=\"" + streamId +
-                              "\"><enable>false</enable></stream></streams></video>";
-  if (!sendVideoCommand("Convoke: disableVideoStream: ", command)) return false;
+  const bool sent = command(Engine::video, "Convoke: disableVideoStream: ",
+                            streamId.empty() ? "Invalid streamId" : nullptr, [&] {
+                              // No frame of the stream reaches the host once the command is made.
+                              VideoEvents::sharedInstance()->stopTaskForStreamId(streamId);
+                              return "<video><streams><stream id=\"" + streamId +
+                                     "\"><enable>false</enable></stream></streams></video>";
+                            });
+  if (!sent) return false;
   // A local stream that is no longer rendered is no longer active; remote records stay as they are.
   participants.update([&](Registry::Editor& registry) {
     const std::string* key = registry.firstKeyByVideoStreamId(streamId);
@@ -386,19 +464,9 @@ void Convoke::getVideoDevices(std::vector<std::string>& devices,
   StateDocument state(VideoGetState());
   kt::XMLElement* inputs = videoInputs(state, "getVideoDevices");
   if (inputs == nullptr) return;
-  std::vector<kt::XMLElement*> elements;
-  inputs->FindElements("device", elements);
-  for (kt::XMLElement* device : elements) {
-    bool hasId = false;
-    std::string id = attributeValue(device, "id", &hasId);
-    if (!hasId) continue;
-    kt::XMLElement* screen = device->FindElementByName("screen");
-    if (screen != nullptr && screen->value == "true") {
-      screens.push_back(std::move(id));
-    } else {
-      devices.push_back(std::move(id));
-    }
-  }
+  forEachDevice(inputs, [&](const std::string& id, kt::XMLElement* device) {
+    (flagSet(device, "screen") ? screens : devices).push_back(id);
+  });
 }
 
 void Convoke::getAudioInputDevices(std::vector<std::string>& devices, std::string& preferred) {
@@ -414,16 +482,10 @@ void Convoke::getSupportedVideoSendResolutions(const std::string& deviceId,
   StateDocument state(VideoGetState());
   kt::XMLElement* inputs = videoInputs(state, "getSupportedVideoSendResolutions");
   if (inputs == nullptr) return;
-  std::vector<kt::XMLElement*> elements;
-  inputs->FindElements("device", elements);
   kt::XMLElement* device = nullptr;
-  for (kt::XMLElement* candidate : elements) {
-    const kt::XMLAttribute* id = candidate->FindAttributeByName("id");
-    if (id != nullptr && id->value == deviceId) {
-      device = candidate;
-      break;
-    }
-  }
+  forEachDevice(inputs, [&](const std::string& id, kt::XMLElement* candidate) {
+    if (device == nullptr && id == deviceId) device = candidate;
+  });
   if (device == nullptr) {
     logLine("Convoke: getSupportedVideoSendResolutions:  Could not find device " + deviceId);
     return;
@@ -434,7 +496,7 @@ void Convoke::getSupportedVideoSendResolutions(const std::string& deviceId,
             deviceId);
     return;
   }
-  elements.clear();
+  std::vector<kt::XMLElement*> elements;
   codecList->FindElements("codec", elements);
   for (kt::XMLElement* codec : elements) {
     const kt::XMLAttribute* name = codec->FindAttributeByName("name");

@@ -6,7 +6,7 @@
 // from one thread while engine threads and video timer threads deliver events into the registry.
 // The last-error text is per thread (each thread reads the outcome of its own latest validated
 // command, so the library's own commands on engine threads never overwrite the host's);
-// displayName is guarded by stateMutex_; the registry has its own lock. No lock of
+// displayName_ is guarded by stateMutex_; the registry has its own lock. No lock of
 // ours is held while an engine function or the delegate runs, so a host may call any entry point
 // from inside a callback and an engine may call back from inside SetRoot.
 #ifndef CONVOKE_MEETING_CONVOKE_H
@@ -28,9 +28,14 @@ class Convoke {
  public:
   // The session, created on first use (which binds the engines' event callbacks); never destroyed.
   static Convoke* sharedInstance();
+  // The session if sharedInstance has created it, else null; never creates it.
+  static Convoke* existingInstance();
 
   Convoke(const Convoke&) = delete;
   Convoke& operator=(const Convoke&) = delete;
+
+  // Every announced remote stream and an enabled speaker start at this volume.
+  static constexpr unsigned char kStartingPlaybackVolume = 50;
 
   // Not owned; null until setDelegate. Read by every thread that reports something.
   std::atomic<MeetingDelegate*> delegate{nullptr};
@@ -69,6 +74,7 @@ class Convoke {
   bool enableNetworkVideo(const std::string& url, const std::string& profile,
                           const std::string& name);
   bool disableNetworkVideo(const std::string& url);
+  // The colour space "RGB888". Kept for C++ callers: the C API always names one.
   bool enableVideoStream(const std::string& streamId);
   bool enableVideoStream(const std::string& streamId, const std::string& colorspace);
   bool disableVideoStream(const std::string& streamId);
@@ -104,19 +110,24 @@ class Convoke {
  private:
   Convoke();
 
+  enum class Engine { audio, video };
+  enum class SuccessAt { beforeSending, onAcceptance };
+
   void setLastError(const std::string& text);
   // A validation failure: message becomes the last error and the command is not sent.
   bool refuse(const char* message);
-  // Validates a device volume command and, when it passes, records "Success".
-  bool acceptDeviceVolume(const std::string& deviceId, unsigned char volume);
-  // Logs prefix + command, sends it with AudioSetRoot / VideoSetRoot and, when the engine refuses,
-  // takes its error text (or "Unknown error") into lastError. Returns the engine's acceptance.
-  bool sendAudioCommand(const char* prefix, const std::string& command);
-  bool sendVideoCommand(const char* prefix, const std::string& command);
+  // The one shape of every command document (see Convoke.cpp): validate, record "Success", build,
+  // log, send, take the engine's refusal.
+  template <class Build>
+  bool command(Engine engine, const char* logPrefix, const char* refusal, Build build,
+               SuccessAt successAt = SuccessAt::beforeSending);
+  // Logs prefix + document, sends it with AudioSetRoot / VideoSetRoot and, when the engine refuses,
+  // takes its error text (or "Unknown error") as the last error. Returns the engine's acceptance.
+  bool send(Engine engine, const char* logPrefix, const std::string& document);
   void readEngineError(int (*getLastError)(char*, int));
 
   mutable std::mutex stateMutex_;
-  std::string displayName;  // guarded by stateMutex_
+  std::string displayName_;  // guarded by stateMutex_
 };
 
 }  // namespace Telmora
