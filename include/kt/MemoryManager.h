@@ -71,9 +71,10 @@ class CONVOKE_API MemoryManager {
   static void Insert(Record*& head, Record* r);
   static void Erase(Record*& head, Record* r);
 
-  // Does nothing.
+  // Does nothing. Kept on purpose: it is part of the exported interface.
   void PrintSummary();
-  // Formats the leak report (see LeakReport) and discards it.
+  // Formats the leak report (see LeakReport) and discards it. Kept on purpose: it is part of the
+  // exported interface, and like Gather it merges the per-thread lists onto head.
   void PrintLeaks();
 
   // Summary of the list starting at `head`: "Used <total> bytes", an empty line, one line per

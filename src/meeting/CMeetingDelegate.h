@@ -44,8 +44,10 @@ class CMeetingDelegate : public MeetingDelegate {
   void outputMeterChanged(unsigned char level) override;
   void participantAmplitudeChanged(const Telmora::Participant& participant, unsigned char amplitude,
                                    bool muted) override;
-  // Takes the text by value, so it does not replace MeetingDelegate::logMessage: log lines end in
-  // the base's empty operation and the table's log slot is never called.
+  // Kept on purpose, never called: it takes the text by value, so it does not replace
+  // MeetingDelegate::logMessage. Log lines end in the base's empty operation and the table's log
+  // slot is never called; that is the bridge's required behaviour, and this signature is what
+  // keeps it (an override here would start calling hosts' log callbacks).
   void logMessage(unsigned int level, std::string text);
   void binaryPlaybackEnded(unsigned long long playbackId) override;
   void binaryPlaybackFailed(unsigned long long playbackId) override;

@@ -40,7 +40,7 @@ class MeetingDelegate {
   virtual void outputMeterChanged(unsigned char level) = 0;
   virtual void participantAmplitudeChanged(const Telmora::Participant& participant,
                                            unsigned char amplitude, bool muted) = 0;
-  // Log lines of the library. The base operation does nothing.
+  // Log lines of the library. The base operation does nothing (MeetingDelegate.cpp).
   virtual void logMessage(unsigned int level, const std::string& text);
   virtual void binaryPlaybackEnded(unsigned long long playbackId) = 0;
   virtual void binaryPlaybackFailed(unsigned long long playbackId) = 0;

@@ -1,6 +1,13 @@
-// The participant registry of the meeting session: participants by key (their UUID, ascending byte
-// order), with indexes by audio and by video stream id so that the stream lookups of the event hot
-// path do not walk every participant.
+// The participant registry of the meeting session: participants by key (ascending byte order),
+// with indexes by audio and by video stream id so that the stream lookups of the event hot path do
+// not walk every participant.
+//
+// A key is not always the stored participant's UUID. Local video streams are filed under the key
+// of the local participant (Editor::localUuid), whatever e-mail their event names; when no local
+// participant is registered that key is "", and the participant created there carries the event's
+// e-mail as its uuid. So handlers that reach a participant through a stream index read the stored
+// uuid before they edit, and a departing participant is erased by the uuid stored in its record.
+// Code that holds a key must not assume key == participant.uuid.
 //
 // Thread safety: every member is safe to call from any thread. One mutex guards the map and both
 // indexes; it is held only for the length of a lookup or an update and never while the caller runs

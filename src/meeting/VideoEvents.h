@@ -42,7 +42,9 @@ class VideoEvents {
   bool processVideoStreamSizeChanged(kt::XMLElement* event);
   bool processRemoteLayoutChanged(kt::XMLElement* event);
   bool processVideoStreamRemoved(kt::XMLElement* event);
-  // Available, but the router drops "video_update_conditions" events without calling it.
+  // Kept on purpose, unreachable: the router drops "video_update_conditions" events without
+  // calling it, so video conditions never reach the host in this version. It stays so that the
+  // handler set covers every event kind and turning the route on is a one-line change.
   bool processVideoUpdateConditions(kt::XMLElement* event);
 
   // The bodies of the handlers above, on either kind of event document (EventDocument.h): the tree
