@@ -10,6 +10,7 @@
 
 #include "ktsim/ktsim.h"
 #include "meeting/Convoke.h"
+#include "meeting/QuietDelegate.h"
 #include "meeting/VideoEvents.h"
 #include "meeting/VideoTimerTask.h"
 
@@ -20,17 +21,8 @@ using Clock = std::chrono::steady_clock;
 std::atomic<long long> gFirstFrameNs{0};
 std::atomic<unsigned long> gFrames{0};
 
-class FrameDelegate : public MeetingDelegate {
+class FrameDelegate : public Telmora::QuietDelegate {
  public:
-  void participantAdded(const Telmora::Participant&) override {}
-  void participantRemoved(const Telmora::Participant&) override {}
-  void participantAudioAdded(const Telmora::Participant&) override {}
-  void participantAudioUpdated(const Telmora::Participant&) override {}
-  void participantVideoAdded(const Telmora::Participant&, std::string) override {}
-  void participantVideoUpdated(const Telmora::Participant&, std::string) override {}
-  void participantVideoRemoved(const Telmora::Participant&, std::string) override {}
-  void participantVideoRemoteLayoutChanged(const Telmora::Participant&, std::string) override {}
-  void videoStreamBufferReady(std::string, void*) override {}
   void videoFrameReady(std::string, void*) override {
     gFrames.fetch_add(1);
     long long expected = 0;
@@ -39,13 +31,6 @@ class FrameDelegate : public MeetingDelegate {
         std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
             .count());
   }
-  void inputMeterChanged(unsigned char) override {}
-  void outputMeterChanged(unsigned char) override {}
-  void participantAmplitudeChanged(const Telmora::Participant&, unsigned char, bool) override {}
-  void binaryPlaybackEnded(unsigned long long) override {}
-  void binaryPlaybackFailed(unsigned long long) override {}
-  void audioConditionUpdate(Telmora::AudioCondition&) override {}
-  void videoConditionUpdate(Telmora::VideoCondition&) override {}
 };
 
 FrameDelegate gDelegate;

@@ -292,30 +292,36 @@ extern "C" void getVideoDevices(char*** devices, unsigned short* deviceCount, ch
   store(screenCount, gVideoScreens.length);
 }
 
-extern "C" void getAudioInputDevices(char*** devices, unsigned short* deviceCount,
-                                     char** preferred) {
+namespace {
+
+// The two audio lists share one shape: the session's list into the host's list, plus the
+// preferred device as a fresh copy.
+void audioDeviceList(const char* member,
+                     void (Convoke::*get)(std::vector<std::string>&, std::string&),
+                     StringList& hostList, char*** devices, unsigned short* deviceCount,
+                     char** preferred) {
   std::vector<std::string> list;
   std::string chosen;
-  guardedVoid("getAudioInputDevices",
-              [&] { Convoke::sharedInstance()->getAudioInputDevices(list, chosen); });
+  guardedVoid(member, [&] { (Convoke::sharedInstance()->*get)(list, chosen); });
   std::lock_guard<std::mutex> lock(gListsMutex);
-  fillList(gAudioInputDevices, list);
-  store(devices, gAudioInputDevices.array);
-  store(deviceCount, gAudioInputDevices.length);
+  fillList(hostList, list);
+  store(devices, hostList.array);
+  store(deviceCount, hostList.length);
   if (preferred != nullptr) *preferred = copyForHost(chosen);
+}
+
+}  // namespace
+
+extern "C" void getAudioInputDevices(char*** devices, unsigned short* deviceCount,
+                                     char** preferred) {
+  audioDeviceList("getAudioInputDevices", &Convoke::getAudioInputDevices, gAudioInputDevices,
+                  devices, deviceCount, preferred);
 }
 
 extern "C" void getAudioOutputDevices(char*** devices, unsigned short* deviceCount,
                                       char** preferred) {
-  std::vector<std::string> list;
-  std::string chosen;
-  guardedVoid("getAudioOutputDevices",
-              [&] { Convoke::sharedInstance()->getAudioOutputDevices(list, chosen); });
-  std::lock_guard<std::mutex> lock(gListsMutex);
-  fillList(gAudioOutputDevices, list);
-  store(devices, gAudioOutputDevices.array);
-  store(deviceCount, gAudioOutputDevices.length);
-  if (preferred != nullptr) *preferred = copyForHost(chosen);
+  audioDeviceList("getAudioOutputDevices", &Convoke::getAudioOutputDevices, gAudioOutputDevices,
+                  devices, deviceCount, preferred);
 }
 
 extern "C" void getSupportedVideoSendResolutions(const char* deviceId, char*** codecs,

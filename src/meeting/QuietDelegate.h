@@ -1,6 +1,7 @@
-// A delegate that ignores every notification; tests derive from it and override what they watch.
-#ifndef CONVOKE_TESTS_MEETING_QUIETDELEGATE_H
-#define CONVOKE_TESTS_MEETING_QUIETDELEGATE_H
+// A delegate that ignores every notification. Not used by the library itself: tests, benchmarks and
+// fuzz targets derive from it and override what they watch.
+#ifndef CONVOKE_MEETING_QUIETDELEGATE_H
+#define CONVOKE_MEETING_QUIETDELEGATE_H
 
 #include <string>
 
@@ -31,4 +32,4 @@ class QuietDelegate : public MeetingDelegate {
 
 }  // namespace Telmora
 
-#endif  // CONVOKE_TESTS_MEETING_QUIETDELEGATE_H
+#endif  // CONVOKE_MEETING_QUIETDELEGATE_H

@@ -131,25 +131,27 @@ void Registry::unindexParticipant(const std::string& key, const Participant& p) 
   for (const auto& video : p.videoInfos) dropFromIndex(videoIndex_, video.first, key);
 }
 
-bool Registry::findByKey(const std::string& key, Participant& out) const {
-  ParticipantSnapshot p = snapshotByKey(key);
+namespace {
+
+// Copies the snapshot into out; false (out unchanged) when there is none.
+bool copyOut(const ParticipantSnapshot& p, Participant& out) {
   if (!p) return false;
   out = *p;
   return true;
+}
+
+}  // namespace
+
+bool Registry::findByKey(const std::string& key, Participant& out) const {
+  return copyOut(snapshotByKey(key), out);
 }
 
 bool Registry::findByVideoStreamId(const std::string& streamId, Participant& out) const {
-  ParticipantSnapshot p = snapshotByVideoStreamId(streamId);
-  if (!p) return false;
-  out = *p;
-  return true;
+  return copyOut(snapshotByVideoStreamId(streamId), out);
 }
 
 bool Registry::findByAudioStreamId(const std::string& streamId, Participant& out) const {
-  ParticipantSnapshot p = snapshotByAudioStreamId(streamId);
-  if (!p) return false;
-  out = *p;
-  return true;
+  return copyOut(snapshotByAudioStreamId(streamId), out);
 }
 
 bool Registry::findVideoInfo(const std::string& streamId, VideoInfo& out) const {
