@@ -1,5 +1,7 @@
 #include "meeting/EventDocument.h"
 
+#include <new>
+
 namespace Telmora {
 
 namespace {
@@ -34,11 +36,11 @@ inline char lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c 
 
 }  // namespace
 
-bool FlatEvent::nameEquals(const Text& scanned, const char* name) {
-  for (std::size_t i = 0; i < scanned.size; ++i) {
-    if (name[i] == '\0' || lower(scanned.data[i]) != lower(name[i])) return false;
+bool FlatEvent::equalsIgnoringCase(const char* scanned, const char* name, std::size_t size) {
+  for (std::size_t i = 0; i < size; ++i) {
+    if (lower(scanned[i]) != lower(name[i])) return false;
   }
-  return name[scanned.size] == '\0';
+  return true;
 }
 
 bool FlatEvent::scan(const char* text, std::size_t length) {
@@ -55,15 +57,15 @@ bool FlatEvent::scan(const char* text, std::size_t length) {
     // At "<" of a start tag.
     ++p;
     if (p == end || !is(*p, kNameStart) || elementCount == kMaxElements) return false;
-    Element& e = elements_[elementCount++];
     const char* name = p;
     while (p != end && is(*p, kName)) ++p;
-    e.name = Text{name, static_cast<std::size_t>(p - name)};
-    e.value = Text{};
-    e.firstChild = nullptr;
-    e.nextSibling = nullptr;
-    e.firstAttribute = attributeCount;
-    e.attributeCount = 0;
+    Element& e =
+        *new (&elements_[elementCount++]) Element{Text{name, static_cast<std::size_t>(p - name)},
+                                                  Text{},
+                                                  nullptr,
+                                                  nullptr,
+                                                  attributeCount,
+                                                  0};
     if (depth > 0) {
       Element* parent = open[depth - 1];
       if (last[depth - 1] == nullptr) {
@@ -79,8 +81,8 @@ bool FlatEvent::scan(const char* text, std::size_t length) {
       if (p == end || !is(*p, kNameStart) || attributeCount == kMaxAttributes) return false;
       const char* attributeName = p;
       while (p != end && is(*p, kName)) ++p;
-      Attribute& a = attributes_[attributeCount++];
-      a.name = Text{attributeName, static_cast<std::size_t>(p - attributeName)};
+      Attribute& a = *new (&attributes_[attributeCount++]) Attribute{
+          Text{attributeName, static_cast<std::size_t>(p - attributeName)}, Text{}};
       if (end - p < 2 || p[0] != '=' || p[1] != '"') return false;
       p += 2;
       const char* value = p;
@@ -128,9 +130,9 @@ bool FlatEvent::scan(const char* text, std::size_t length) {
       // The end tag repeats the open name byte for byte.
       p += 2;
       const std::size_t n = current.name.size;
-      if (static_cast<std::size_t>(end - p) < n + 1 || std::memcmp(p, current.name.data, n) != 0 ||
-          p[n] != '>') {
-        return false;
+      if (static_cast<std::size_t>(end - p) < n + 1 || p[n] != '>') return false;
+      for (std::size_t i = 0; i < n; ++i) {
+        if (p[i] != current.name.data[i]) return false;
       }
       p += n + 1;
       --depth;

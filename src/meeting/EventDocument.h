@@ -35,8 +35,18 @@ struct Text {
   bool equals(const char* literal) const {
     return std::strlen(literal) == size && std::memcmp(data, literal, size) == 0;
   }
-  // atoi / atoll of the text.
-  int number() const { return std::atoi(data); }
+  // atoi / atoll of the text. A text of one to nine plain digits (all the engines send) is read
+  // here; anything else (signs, blanks, overflow) is left to atoi itself.
+  int number() const {
+    if (size == 0 || size > 9) return std::atoi(data);
+    int value = 0;
+    for (std::size_t i = 0; i < size; ++i) {
+      const unsigned digit = static_cast<unsigned char>(data[i]) - static_cast<unsigned>('0');
+      if (digit > 9) return std::atoi(data);
+      value = value * 10 + static_cast<int>(digit);
+    }
+    return value;
+  }
   long long longNumber() const { return std::atoll(data); }
 };
 
@@ -110,12 +120,29 @@ class FlatEvent {
   }
   Text text(Node element) const { return element->value; }
 
-  // A scanned name equals a lookup name ignoring ASCII case (scanned names are ASCII).
-  static bool nameEquals(const Text& scanned, const char* name);
+  // A scanned name equals a lookup name ignoring ASCII case (scanned names are ASCII). Inline, so
+  // that a literal name's length is known at compile time: most candidates are refused by their
+  // length alone, and a name in the engines' own case by one fixed-size comparison.
+  static bool nameEquals(const Text& scanned, const char* name) {
+    const std::size_t size = std::char_traits<char>::length(name);
+    if (size != scanned.size) return false;
+    return std::memcmp(scanned.data, name, size) == 0 ||
+           equalsIgnoringCase(scanned.data, name, size);
+  }
+
+  FlatEvent() {}  // the element and attribute slots are constructed by scan, as it fills them
 
  private:
-  Element elements_[kMaxElements];
-  Attribute attributes_[kMaxAttributes];
+  static bool equalsIgnoringCase(const char* scanned, const char* name, std::size_t size);
+
+  // Left unconstructed until scan fills a slot, so a scan costs what the document holds, not the
+  // capacity.
+  union {
+    Element elements_[kMaxElements];
+  };
+  union {
+    Attribute attributes_[kMaxAttributes];
+  };
 };
 
 }  // namespace Telmora
