@@ -27,14 +27,14 @@ bool Registry::Editor::erase(const std::string& key) {
   return true;
 }
 
-std::shared_ptr<Participant> Registry::Editor::mutableCopy(const std::string& key) {
-  return std::make_shared<Participant>(*r_.participants_.at(key));
+std::shared_ptr<Participant> Registry::Editor::mutableCopy(const Participant& participant) {
+  return std::make_shared<Participant>(participant);
 }
 
 void Registry::Editor::setAudioInfo(const std::string& key, const AudioInfo& info) {
   auto it = r_.participants_.find(key);
   if (it == r_.participants_.end()) return;
-  std::shared_ptr<Participant> copy = mutableCopy(key);
+  std::shared_ptr<Participant> copy = mutableCopy(*it->second);
   dropFromIndex(r_.audioIndex_, copy->audioInfo.streamId, key);
   copy->audioInfo = info;
   addToIndex(r_.audioIndex_, info.streamId, it);
@@ -46,7 +46,7 @@ bool Registry::Editor::addVideoInfo(const std::string& key, const VideoInfo& inf
   if (it == r_.participants_.end() || it->second->videoInfos.count(info.streamId) != 0) {
     return false;
   }
-  std::shared_ptr<Participant> copy = mutableCopy(key);
+  std::shared_ptr<Participant> copy = mutableCopy(*it->second);
   copy->videoInfos.emplace(info.streamId, info);
   addToIndex(r_.videoIndex_, info.streamId, it);
   it->second = std::move(copy);
@@ -56,7 +56,7 @@ bool Registry::Editor::addVideoInfo(const std::string& key, const VideoInfo& inf
 bool Registry::Editor::eraseVideoInfo(const std::string& key, const std::string& streamId) {
   auto it = r_.participants_.find(key);
   if (it == r_.participants_.end() || it->second->videoInfos.count(streamId) == 0) return false;
-  std::shared_ptr<Participant> copy = mutableCopy(key);
+  std::shared_ptr<Participant> copy = mutableCopy(*it->second);
   copy->videoInfos.erase(streamId);
   dropFromIndex(r_.videoIndex_, streamId, key);
   it->second = std::move(copy);

@@ -56,6 +56,10 @@ class Registry {
     // or the stream id is missing.
     template <class F>
     bool modifyVideoInfo(const std::string& key, const std::string& streamId, F&& change);
+    // The same on an entry that firstEntryByVideoStreamId returned, without a search of the map.
+    template <class F>
+    bool modifyVideoInfo(const std::pair<const std::string, ParticipantSnapshot>* entry,
+                         const std::string& streamId, F&& change);
     // The key of the first participant (in key order) holding the video stream, or null.
     const std::string* firstKeyByVideoStreamId(const std::string& streamId) const;
     // The first participant (in key order) holding the video stream, with the key it is stored
@@ -72,7 +76,7 @@ class Registry {
    private:
     friend class Registry;
     explicit Editor(Registry& registry) : r_(registry) {}
-    std::shared_ptr<Participant> mutableCopy(const std::string& key);
+    static std::shared_ptr<Participant> mutableCopy(const Participant& participant);
     Registry& r_;
   };
 
@@ -144,9 +148,21 @@ bool Registry::Editor::modifyVideoInfo(const std::string& key, const std::string
                                        F&& change) {
   auto it = r_.participants_.find(key);
   if (it == r_.participants_.end() || it->second->videoInfos.count(streamId) == 0) return false;
-  std::shared_ptr<Participant> copy = mutableCopy(key);
+  std::shared_ptr<Participant> copy = mutableCopy(*it->second);
   change(copy->videoInfos.find(streamId)->second);
   it->second = std::move(copy);
+  return true;
+}
+
+template <class F>
+bool Registry::Editor::modifyVideoInfo(
+    const std::pair<const std::string, ParticipantSnapshot>* entry, const std::string& streamId,
+    F&& change) {
+  if (entry->second->videoInfos.count(streamId) == 0) return false;
+  std::shared_ptr<Participant> copy = mutableCopy(*entry->second);
+  change(copy->videoInfos.find(streamId)->second);
+  // The entry is one of this registry's own map entries, handed out by firstEntryByVideoStreamId.
+  const_cast<std::pair<const std::string, ParticipantSnapshot>*>(entry)->second = std::move(copy);
   return true;
 }
 

@@ -223,8 +223,11 @@ bool VideoEvents::processRemoteLayoutChangedOn(const D& document, typename D::No
   const Text layoutText = document.text(layout);
   logLine("Convoke: processRemoteLayoutChanged: new layout constant is: " + layoutText.str());
   const uint8_t value = static_cast<uint8_t>(layoutText.number());
-  // The participant holding the stream, and whether the one registered under its UUID holds it.
+  // Under one lock: the participant holding the stream, whether the one registered under its UUID
+  // holds it, the layout written when it changed (a write copies the record), and the entry to
+  // report.
   ParticipantSnapshot found;
+  ParticipantSnapshot entry;
   bool registered = false;
   bool hasStream = false;
   meeting->participants.update([&](Registry::Editor& registry) {
@@ -232,32 +235,31 @@ bool VideoEvents::processRemoteLayoutChangedOn(const D& document, typename D::No
     if (holder == nullptr) return;
     found = holder->second;
     // A participant is normally stored under its own UUID: then it is the registered one.
-    const Participant* entry =
-        holder->first == found->uuid ? found.get() : registry.find(found->uuid);
-    registered = entry != nullptr;
-    hasStream = registered && entry->videoInfos.count(id) != 0;
+    const bool direct = holder->first == found->uuid;
+    const Participant* stored = direct ? found.get() : registry.find(found->uuid);
+    registered = stored != nullptr;
+    if (!registered) return;
+    auto video = stored->videoInfos.find(id);
+    hasStream = video != stored->videoInfos.end();
+    if (hasStream && video->second.layout != value) {
+      const auto write = [value](VideoInfo& info) { info.layout = value; };
+      if (direct) {
+        registry.modifyVideoInfo(holder, id, write);
+      } else {
+        registry.modifyVideoInfo(found->uuid, id, write);
+      }
+    }
+    entry = direct ? holder->second : registry.snapshot(found->uuid);
   });
   if (!found) return true;
   if (registered) {
-    logFixed("Convoke: processRemoteLayoutChanged: Found participant, now looking for videoINfo ");
-    if (hasStream) logFixed("Convoke: processRemoteLayoutChanged: found videoInfo iterator");
+    static const std::string kFound(
+        "Convoke: processRemoteLayoutChanged: Found participant, now looking for videoINfo ");
+    static const std::string kFoundVideo(
+        "Convoke: processRemoteLayoutChanged: found videoInfo iterator");
+    logLine(kFound);
+    if (hasStream) logLine(kFoundVideo);
   }
-  // The layout is written only when it changes (a write copies the participant's record), and the
-  // entry to report is taken under the same lock.
-  ParticipantSnapshot entry = meeting->participants.update([&](Registry::Editor& registry) {
-    const auto* holder = registry.firstEntryByVideoStreamId(id);
-    const bool direct = holder != nullptr && holder->first == found->uuid;
-    const Participant* stored = direct ? holder->second.get() : registry.find(found->uuid);
-    if (hasStream && stored != nullptr) {
-      auto video = stored->videoInfos.find(id);
-      if (video != stored->videoInfos.end() && video->second.layout != value) {
-        registry.modifyVideoInfo(found->uuid, id,
-                                 [value](VideoInfo& info) { info.layout = value; });
-      }
-    }
-    // A write replaces the snapshot inside the same map entry, so holder shows the new one.
-    return direct ? holder->second : registry.snapshot(found->uuid);
-  });
   MeetingDelegate* delegate = meeting->delegate.load();
   if (delegate != nullptr && entry) delegate->participantVideoRemoteLayoutChanged(*entry, id);
   return true;
