@@ -106,34 +106,35 @@ const T& pick(const std::vector<T>& items, std::mt19937& random) {
 
 // ---- host threads ------------------------------------------------------------------------------
 
-void renderer(const std::atomic<bool>& stop, unsigned seed) {
+// Until stop: act(id, random) on a stream picked at random, then a pause of pauseMin plus up to
+// pauseSpread - 1 milliseconds.
+template <class Act>
+void onRandomStreams(const std::atomic<bool>& stop, unsigned seed, unsigned pauseMin,
+                     unsigned pauseSpread, Act act) {
   std::mt19937 random(seed);
   while (!stop.load()) {
     const std::vector<std::string> streams = snapshot(gStreams);
-    if (!streams.empty()) {
-      const std::string& id = pick(streams, random);
-      if (random() % 4 == 0) {
-        disableVideoStream(id.c_str());
-      } else {
-        enableVideoStream(id.c_str(), random() % 2 ? "RGB888" : "BGRA8888");
-      }
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20 + random() % 60));
+    if (!streams.empty()) act(pick(streams, random), random);
+    std::this_thread::sleep_for(std::chrono::milliseconds(pauseMin + random() % pauseSpread));
   }
 }
 
-void pauser(const std::atomic<bool>& stop, unsigned seed) {
-  std::mt19937 random(seed);
-  while (!stop.load()) {
-    const std::vector<std::string> streams = snapshot(gStreams);
-    if (!streams.empty()) {
-      const std::string& id = pick(streams, random);
-      pauseVideoFrameProcessing(id.c_str());
-      std::this_thread::sleep_for(std::chrono::milliseconds(random() % 10));
-      resumeVideoFrameProcessing(id.c_str());
+void renderer(const std::atomic<bool>& stop, unsigned seed) {
+  onRandomStreams(stop, seed, 20, 60, [](const std::string& id, std::mt19937& random) {
+    if (random() % 4 == 0) {
+      disableVideoStream(id.c_str());
+    } else {
+      enableVideoStream(id.c_str(), random() % 2 ? "RGB888" : "BGRA8888");
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5 + random() % 30));
-  }
+  });
+}
+
+void pauser(const std::atomic<bool>& stop, unsigned seed) {
+  onRandomStreams(stop, seed, 5, 30, [](const std::string& id, std::mt19937& random) {
+    pauseVideoFrameProcessing(id.c_str());
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 10));
+    resumeVideoFrameProcessing(id.c_str());
+  });
 }
 
 // Reads texts, lets the other threads run, and checks that its own answers did not change.

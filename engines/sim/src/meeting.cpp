@@ -428,6 +428,16 @@ int Meeting::Uniform(int lo, int hi) {
 
 double Meeting::Unit() { return Rand() / 4294967296.0; }
 
+Meeting::Stream* Meeting::RandomCamera(const std::vector<Stream*>& streams) {
+  std::vector<Stream*> cameras;
+  for (Stream* s : streams) {
+    if (s->picture.kind == Picture::kCamera || s->picture.kind == Picture::kCameraOff) {
+      cameras.push_back(s);
+    }
+  }
+  return cameras.empty() ? nullptr : cameras[Rand() % cameras.size()];
+}
+
 std::string Meeting::NewIdLocked() {
   for (;;) {
     std::string id = std::to_string(1000000000ull + Rand() % 3000000000ull);
@@ -747,14 +757,9 @@ void Meeting::OccasionalLocked() {
       return;
     }
     case 2: {  // a camera adapts its resolution to the link
-      std::vector<Stream*> cameras;
-      for (Stream* s : remote) {
-        if (s->picture.kind == Picture::kCamera || s->picture.kind == Picture::kCameraOff) {
-          cameras.push_back(s);
-        }
-      }
-      if (cameras.empty()) return;
-      Stream& s = *cameras[Rand() % cameras.size()];
+      Stream* camera = RandomCamera(remote);
+      if (camera == nullptr) return;
+      Stream& s = *camera;
       const bool down = s.width > 640;
       s.width = down ? 640 : 1280;
       s.height = down ? 360 : 720;
@@ -764,14 +769,9 @@ void Meeting::OccasionalLocked() {
       return;
     }
     default: {  // someone turns the camera off or back on
-      std::vector<Stream*> cameras;
-      for (Stream* s : remote) {
-        if (s->picture.kind == Picture::kCamera || s->picture.kind == Picture::kCameraOff) {
-          cameras.push_back(s);
-        }
-      }
-      if (cameras.empty()) return;
-      Stream& s = *cameras[Rand() % cameras.size()];
+      Stream* camera = RandomCamera(remote);
+      if (camera == nullptr) return;
+      Stream& s = *camera;
       s.active = !s.active;
       s.picture.kind = s.active ? Picture::kCamera : Picture::kCameraOff;
       AnnounceVideoLocked(s);

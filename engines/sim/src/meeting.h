@@ -142,6 +142,8 @@ class Meeting {
   void OccasionalLocked();
   std::string NewIdLocked();
   uint32_t Rand();
+  // One of the streams showing a camera (on or off) picked at random, or null when none does.
+  Stream* RandomCamera(const std::vector<Stream*>& streams);
   int Uniform(int lo, int hi);  // lo..hi inclusive
   double Unit();
 
