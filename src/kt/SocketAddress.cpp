@@ -25,6 +25,14 @@ void Store(unsigned char* storage, size_t offset, const T& value) {
   memcpy(storage + offset, &value, sizeof(T));
 }
 
+// The port at offset in host order. The converted value is written back on purpose: callers rely
+// on reading a port exactly once (a second read converts it again).
+unsigned short ReadPortOnce(unsigned char* storage, size_t offset) {
+  const uint16_t port = ntohs(Load<in_port_t>(storage, offset));
+  Store<in_port_t>(storage, offset, port);
+  return port;
+}
+
 }  // namespace
 
 Socket::Address::Address() : length_(0) { memset(address_, 0, sizeof(address_)); }
@@ -214,11 +222,7 @@ IPv4Socket::Address& IPv4Socket::Address::operator=(const Address& other) {
 }
 
 unsigned short IPv4Socket::Address::Port() const {
-  // The converted value is written back on purpose: callers rely on reading it exactly once.
-  const size_t offset = offsetof(sockaddr_in, sin_port);
-  const uint16_t port = ntohs(Load<in_port_t>(address_, offset));
-  Store<in_port_t>(address_, offset, port);
-  return port;
+  return ReadPortOnce(address_, offsetof(sockaddr_in, sin_port));
 }
 
 void IPv4Socket::Address::SetPort(unsigned short port) {
@@ -252,10 +256,7 @@ IPv6Socket::Address& IPv6Socket::Address::operator=(const Address& other) {
 }
 
 unsigned short IPv6Socket::Address::Port() const {
-  const size_t offset = offsetof(sockaddr_in6, sin6_port);
-  const uint16_t port = ntohs(Load<in_port_t>(address_, offset));
-  Store<in_port_t>(address_, offset, port);
-  return port;
+  return ReadPortOnce(address_, offsetof(sockaddr_in6, sin6_port));
 }
 
 void IPv6Socket::Address::SetPort(unsigned short port) {

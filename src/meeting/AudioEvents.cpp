@@ -177,28 +177,42 @@ bool AudioEvents::processAmplitudeOn(const D& document, typename D::Node event) 
   return true;
 }
 
-template <class D>
-bool AudioEvents::processInputMeterOn(const D& document, typename D::Node event) {
-  typename D::Node meter = document.child(event, "meter");
-  if (meter == nullptr) {
-    logFixed("Convoke: processInputMeter: could not find meter element");
+namespace {
+
+// The handlers that hand one child's value to the delegate: the text of the child named child, read
+// by convert, goes to the delegate operation notify; without the child, the line missing is logged.
+template <class D, class Value>
+bool reportChildValue(Convoke* meeting, const D& document, typename D::Node event,
+                      const char* child, const char* missing, Value (*convert)(const Text&),
+                      void (MeetingDelegate::*notify)(Value)) {
+  typename D::Node node = document.child(event, child);
+  if (node == nullptr) {
+    logFixed(missing);
     return false;
   }
   MeetingDelegate* delegate = meeting->delegate.load();
-  if (delegate != nullptr) delegate->inputMeterChanged(level(document.text(meter)));
+  if (delegate != nullptr) (delegate->*notify)(convert(document.text(node)));
   return true;
+}
+
+unsigned long long playbackId(const Text& text) {
+  return static_cast<unsigned long long>(text.longNumber());
+}
+
+}  // namespace
+
+template <class D>
+bool AudioEvents::processInputMeterOn(const D& document, typename D::Node event) {
+  return reportChildValue(meeting, document, event, "meter",
+                          "Convoke: processInputMeter: could not find meter element", level,
+                          &MeetingDelegate::inputMeterChanged);
 }
 
 template <class D>
 bool AudioEvents::processOutputMeterOn(const D& document, typename D::Node event) {
-  typename D::Node meter = document.child(event, "meter");
-  if (meter == nullptr) {
-    logFixed("Convoke: processOutputMeter: could not find meter element");
-    return false;
-  }
-  MeetingDelegate* delegate = meeting->delegate.load();
-  if (delegate != nullptr) delegate->outputMeterChanged(level(document.text(meter)));
-  return true;
+  return reportChildValue(meeting, document, event, "meter",
+                          "Convoke: processOutputMeter: could not find meter element", level,
+                          &MeetingDelegate::outputMeterChanged);
 }
 
 template <class D>
@@ -223,32 +237,16 @@ bool AudioEvents::processAudioUpdateConditionsOn(const D& document, typename D::
 
 template <class D>
 bool AudioEvents::processBinaryPlaybackEndedOn(const D& document, typename D::Node event) {
-  typename D::Node data = document.child(event, "data");
-  if (data == nullptr) {
-    logFixed("Convoke: processBinaryPlaybackEnded: could not find data element");
-    return false;
-  }
-  MeetingDelegate* delegate = meeting->delegate.load();
-  if (delegate != nullptr) {
-    delegate->binaryPlaybackEnded(
-        static_cast<unsigned long long>(document.text(data).longNumber()));
-  }
-  return true;
+  return reportChildValue(meeting, document, event, "data",
+                          "Convoke: processBinaryPlaybackEnded: could not find data element",
+                          playbackId, &MeetingDelegate::binaryPlaybackEnded);
 }
 
 template <class D>
 bool AudioEvents::processBinaryPlaybackFailedOn(const D& document, typename D::Node event) {
-  typename D::Node data = document.child(event, "data");
-  if (data == nullptr) {
-    logFixed("Convoke: processBinaryPlaybackFailed: could not find data element");
-    return false;
-  }
-  MeetingDelegate* delegate = meeting->delegate.load();
-  if (delegate != nullptr) {
-    delegate->binaryPlaybackFailed(
-        static_cast<unsigned long long>(document.text(data).longNumber()));
-  }
-  return true;
+  return reportChildValue(meeting, document, event, "data",
+                          "Convoke: processBinaryPlaybackFailed: could not find data element",
+                          playbackId, &MeetingDelegate::binaryPlaybackFailed);
 }
 
 }  // namespace Telmora
