@@ -48,7 +48,23 @@ std::string optionalText(const D& document, typename D::Node element) {
 
 }  // namespace
 
-void routeVideoEvent(const char* xml, EventPath path) { routeEvent(xml, kVideoRouter, path); }
+namespace {
+
+// The stopTasks generation at which the video event being routed on this thread began, or
+// kOutsideEvent when a handler runs outside routeVideoEvent (called directly).
+constexpr uint64_t kOutsideEvent = ~uint64_t{0};
+thread_local uint64_t tEventGeneration = kOutsideEvent;
+
+}  // namespace
+
+void routeVideoEvent(const char* xml, EventPath path) {
+  struct Restore {
+    uint64_t saved = tEventGeneration;
+    ~Restore() { tEventGeneration = saved; }
+  } restore;
+  tEventGeneration = VideoEvents::sharedInstance()->stopGeneration();
+  routeEvent(xml, kVideoRouter, path);
+}
 
 VideoEvents* VideoEvents::sharedInstance() {
   // Never destroyed: detached timer threads may look tasks up while the process exits.
@@ -161,6 +177,9 @@ bool VideoEvents::processVideoStreamBufferReadyOn(const D& document, typename D:
   logLine("Convoke: processVideoStreamBufferReady: starting timer task for " + id);
   VideoTimerTask task(id, handle);
   std::lock_guard<std::mutex> lock(tasksMutex_);
+  // stopTasks ran (a leave) while this event was on its way: the meeting it belonged to is gone,
+  // and a task started now would report frames after the leave returned.
+  if (tEventGeneration != kOutsideEvent && tEventGeneration != stopGeneration_.load()) return true;
   // A task already registered for the stream is kept, with its first handle, and started again.
   auto registered = timerTasks.emplace(id, task).first;
   registered->second.run();
@@ -333,6 +352,7 @@ void VideoEvents::stopTasks() {
   std::vector<std::shared_ptr<VideoTimerTask::State>> stopped;
   {
     std::lock_guard<std::mutex> lock(tasksMutex_);
+    stopGeneration_.fetch_add(1);
     for (auto& entry : timerTasks) {
       entry.second.state()->requestStop();
       stopped.push_back(entry.second.state());

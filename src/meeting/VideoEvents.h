@@ -8,6 +8,8 @@
 #ifndef CONVOKE_MEETING_VIDEOEVENTS_H
 #define CONVOKE_MEETING_VIDEOEVENTS_H
 
+#include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -64,8 +66,12 @@ class VideoEvents {
 
   // Stops and erases the task of a stream (logs when there is none).
   void stopTaskForStreamId(const std::string& streamId);
-  // Stops every task in stream-id order, then erases them all.
+  // Stops every task in stream-id order, then erases them all. A video_stream_buffer_ready event
+  // whose routing began before the call starts no task (it may still be running on an engine
+  // thread: engines need not wait for their callbacks when they disconnect).
   void stopTasks();
+  // How many times stopTasks has run.
+  uint64_t stopGeneration() const { return stopGeneration_.load(std::memory_order_acquire); }
   // Stop / run() on the registered task of a stream; nothing when there is none.
   void pauseTask(const std::string& streamId);
   void resumeTask(const std::string& streamId);
@@ -86,6 +92,8 @@ class VideoEvents {
 
   mutable std::mutex tasksMutex_;
   std::map<std::string, VideoTimerTask> timerTasks;  // guarded by tasksMutex_
+  // Changed only under tasksMutex_; read without it when an event begins.
+  std::atomic<uint64_t> stopGeneration_{0};
 };
 
 }  // namespace Telmora

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -227,6 +228,46 @@ TEST_F(TimerTaskTest, ExitMeetingStopsEveryTask) {
   const std::size_t frames = delegate.frameCount();
   std::this_thread::sleep_for(150ms);
   EXPECT_EQ(delegate.frameCount(), frames);
+}
+
+// An engine thread still announcing a buffer while the host leaves starts no task afterwards; an
+// announcement after the leave starts its task as usual.
+TEST_F(TimerTaskTest, ABufferAnnouncedDuringALeaveStartsNoTask) {
+  struct Gate : RecordingDelegate {
+    void videoStreamBufferReady(std::string id, void* buffer) override {
+      RecordingDelegate::videoStreamBufferReady(id, buffer);
+      if (!held) return;
+      held = false;
+      entered.set_value();
+      release.wait();
+    }
+    bool held = true;
+    std::promise<void> entered;
+    std::shared_future<void> release;
+  } gate;
+  std::promise<void> open;
+  gate.release = open.get_future().share();
+  Convoke::sharedInstance()->setDelegate(&gate);
+  ktsim_set_frame_ready("v1", 1);
+
+  std::thread engine([] {
+    videoCallback(nullptr,
+                  "<event name=\"video_stream_buffer_ready\"><stream id=\"v1\" pixel_buffer=\"5\"/>"
+                  "</event>");
+  });
+  gate.entered.get_future().wait();
+  Convoke::sharedInstance()->exitMeeting();
+  open.set_value();
+  engine.join();
+  EXPECT_EQ(VideoEvents::sharedInstance()->taskCount(), 0u);
+  std::this_thread::sleep_for(150ms);
+  EXPECT_EQ(gate.frameCount(), 0u);
+
+  bufferReady("v1", "6");
+  EXPECT_EQ(VideoEvents::sharedInstance()->taskCount(), 1u);
+  EXPECT_TRUE(waitUntil([&] { return gate.frameCount() >= 1; }));
+  VideoEvents::sharedInstance()->stopTasks();
+  Convoke::sharedInstance()->setDelegate(&delegate);
 }
 
 TEST_F(TimerTaskTest, LoggingReachesTheDelegateAtLevelSix) {
