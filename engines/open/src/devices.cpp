@@ -134,16 +134,23 @@ bool FindDevice(Device::Kind kind, const std::string& id, Device* device) {
 
 GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool off) {
   if (kind == Device::kCamera && (id == kTestPatternCamera || off)) {
-    GstElement* src = gst_element_factory_make("videotestsrc", nullptr);
-    if (src) gst_util_set_object_arg(G_OBJECT(src), "pattern", off ? "black" : "smpte");
-    if (src) g_object_set(src, "is-live", TRUE, nullptr);
-    return src;
+    // Drawing the bars costs more than encoding them: two pictures a second are drawn (in the
+    // encoder's format, at the size asked downstream) and the latest one is repeated at the
+    // camera's rate.
+    GError* problem = nullptr;
+    GstElement* camera = gst_parse_bin_from_description(
+        "videotestsrc name=pattern is-live=true ! video/x-raw,format=I420,framerate=2/1 ! "
+        "imagefreeze is-live=true allow-replace=true",
+        TRUE, &problem);
+    if (problem) g_error_free(problem);
+    if (camera) SetTestPattern(camera, !off);
+    return camera;
   }
   if (kind == Device::kMicrophone && (id == kTestToneMicrophone || off)) {
     GstElement* src = gst_element_factory_make("audiotestsrc", nullptr);
     if (src) {
-      g_object_set(src, "is-live", TRUE, "freq", 440.0, "volume", off ? 0.0 : 0.3, nullptr);
-      if (off) gst_util_set_object_arg(G_OBJECT(src), "wave", "silence");
+      g_object_set(src, "is-live", TRUE, "freq", 440.0, nullptr);
+      SetTestTone(src, !off);
     }
     return src;
   }
@@ -159,6 +166,19 @@ GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool o
     gst_object_unref(entry.second);
   }
   return element;
+}
+
+void SetTestPattern(GstElement* camera, bool on) {
+  GstElement* pattern = GST_IS_BIN(camera) ? gst_bin_get_by_name(GST_BIN(camera), "pattern")
+                                           : GST_ELEMENT(gst_object_ref(camera));
+  if (!pattern) return;
+  gst_util_set_object_arg(G_OBJECT(pattern), "pattern", on ? "smpte" : "black");
+  gst_object_unref(pattern);
+}
+
+void SetTestTone(GstElement* microphone, bool on) {
+  g_object_set(microphone, "volume", on ? 0.3 : 0.0, nullptr);
+  gst_util_set_object_arg(G_OBJECT(microphone), "wave", on ? "sine-table" : "silence");
 }
 
 const std::vector<std::string>& CameraProfiles() {
