@@ -147,12 +147,16 @@ GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool o
     return camera;
   }
   if (kind == Device::kMicrophone && (id == kTestToneMicrophone || off)) {
-    GstElement* src = gst_element_factory_make("audiotestsrc", nullptr);
-    if (src) {
-      g_object_set(src, "is-live", TRUE, "freq", 440.0, nullptr);
-      SetTestTone(src, !off);
-    }
-    return src;
+    // Made at the encoder's rate and channel count in 20 ms buffers (Opus frames): left to
+    // itself the source picks 44.1 kHz, and every buffer is then resampled.
+    GError* problem = nullptr;
+    GstElement* microphone = gst_parse_bin_from_description(
+        "audiotestsrc name=tone is-live=true freq=440 samplesperbuffer=960 ! "
+        "capsfilter caps=audio/x-raw,rate=48000,channels=1",
+        TRUE, &problem);
+    if (problem) g_error_free(problem);
+    if (microphone) SetTestTone(microphone, !off);
+    return microphone;
   }
   if (kind == Device::kSpeaker && id == kNullSpeaker) {
     GstElement* sink = gst_element_factory_make("fakesink", nullptr);
@@ -177,8 +181,12 @@ void SetTestPattern(GstElement* camera, bool on) {
 }
 
 void SetTestTone(GstElement* microphone, bool on) {
-  g_object_set(microphone, "volume", on ? 0.3 : 0.0, nullptr);
-  gst_util_set_object_arg(G_OBJECT(microphone), "wave", on ? "sine-table" : "silence");
+  GstElement* tone = GST_IS_BIN(microphone) ? gst_bin_get_by_name(GST_BIN(microphone), "tone")
+                                            : GST_ELEMENT(gst_object_ref(microphone));
+  if (!tone) return;
+  g_object_set(tone, "volume", on ? 0.3 : 0.0, nullptr);
+  gst_util_set_object_arg(G_OBJECT(tone), "wave", on ? "sine-table" : "silence");
+  gst_object_unref(tone);
 }
 
 const std::vector<std::string>& CameraProfiles() {
