@@ -1,9 +1,6 @@
 #include "core.h"
 
-#include <arpa/inet.h>
-#include <netdb.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "address.h"
 #include "command.h"
 #include "devices.h"
 #include "event_queue.h"
@@ -76,65 +74,13 @@ bool ReadInt(const std::string& text, long low, long high, long* value) {
   *value = std::atol(text.c_str());
   return *value >= low && *value <= high;
 }
-std::string Env(const char* name, const char* fallback) {
+std::string Env(const char* name) {
   const char* value = std::getenv(name);
-  return value && *value ? value : fallback;
+  return value ? value : "";
 }
 // 0..100 from a level in dB (full scale): -50 dB and below is 0.
 int Amplitude(double rms_db) {
   return static_cast<int>(std::clamp((rms_db + 50.0) * 2.0, 0.0, 100.0));
-}
-
-struct Target {
-  std::string host, room, base_url;
-};
-
-// rtsp://<server>:46000/kt.sdp/<4|6>/<meeting>: the Janus host and the room.
-bool ParseUrl(const std::string& url, EngineId engine, Target* target, std::string* error) {
-  const std::string scheme = "rtsp://";
-  const std::string path = std::string(":46000/kt.sdp/") + (engine == kAudio ? "4" : "6") + "/";
-  const size_t at = url.find(path);
-  if (url.compare(0, scheme.size(), scheme) != 0 || at == std::string::npos) {
-    return Fail(error, "Invalid server URL '" + url + "'");
-  }
-  target->host = url.substr(scheme.size(), at - scheme.size());
-  target->room = url.substr(at + path.size());
-  target->room = target->room.substr(0, target->room.find('?'));
-  if (target->host.empty() || target->host.find_first_of(":/@?# ") != std::string::npos ||
-      target->room.empty()) {
-    return Fail(error, "Invalid server URL '" + url + "'");
-  }
-  std::string janus_path = Env("CONVOKE_JANUS_PATH", "/janus");
-  if (janus_path[0] != '/') janus_path = "/" + janus_path;
-  target->base_url =
-      "http://" + target->host + ":" + Env("CONVOKE_JANUS_PORT", "8088") + janus_path;
-  return true;
-}
-
-// The IPv4 address of `host`, and our own address on the route towards it (no packet is sent).
-bool Addresses(const std::string& host, std::string* server_ip, std::string* local_ip,
-               std::string* error) {
-  addrinfo hints{};
-  hints.ai_family = AF_INET;
-  hints.ai_socktype = SOCK_DGRAM;
-  addrinfo* found = nullptr;
-  if (getaddrinfo(host.c_str(), "9", &hints, &found) != 0 || !found) {
-    return Fail(error, "Unknown meeting server '" + host + "'");
-  }
-  char text[INET_ADDRSTRLEN] = {0};
-  inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_addr, text, sizeof text);
-  *server_ip = text;
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  bool ok = fd >= 0 && connect(fd, found->ai_addr, found->ai_addrlen) == 0;
-  sockaddr_in local{};
-  socklen_t size = sizeof local;
-  ok = ok && getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) == 0;
-  if (fd >= 0) close(fd);
-  freeaddrinfo(found);
-  if (!ok) return Fail(error, "No route to the meeting server '" + host + "'");
-  inet_ntop(AF_INET, &local.sin_addr, text, sizeof text);
-  *local_ip = text;
-  return true;
 }
 
 struct Remote {
@@ -182,7 +128,7 @@ class Core {
   void OnJanusEvent(const Json& event);
   void Negotiate();
   void SendCandidate(uint64_t handle, unsigned mline, const std::string& candidate);
-  void AddRemote(JsonObject* publisher);
+  void AddRemote(const RoomPublisher& publisher);
   bool Subscribe(Remote* remote, std::string* error);
   void RemoveRemote(const std::string& feed);
   void ApplyPlayback();
@@ -242,8 +188,6 @@ uint64_t Core::Emit(EngineId engine, const std::string& xml, uint64_t generation
 }
 
 void Core::Trace(EngineId engine, unsigned level, const std::string& text) {
-  static const bool debug = std::getenv("CONVOKE_OPEN_DEBUG") != nullptr;
-  if (debug) std::fprintf(stderr, "open engine: %s\n", text.c_str());
   if (queues_[engine].trace_callback()) queues_[engine].PushTrace(level, text);
 }
 
@@ -272,7 +216,10 @@ bool Core::Connect(EngineId engine, const std::string& url, const std::string& d
                    const std::string& uuid) {
   Target target;
   std::string error;
-  if (!ParseUrl(url, engine, &target, &error)) return Refuse(engine, error);
+  if (!ParseTarget(url, engine == kAudio ? '4' : '6', Env("CONVOKE_JANUS_PORT"),
+                   Env("CONVOKE_JANUS_PATH"), &target, &error)) {
+    return Refuse(engine, error);
+  }
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (joined_) {
@@ -306,7 +253,7 @@ bool Core::Connect(EngineId engine, const std::string& url, const std::string& d
 
 bool Core::Join(const Target& target, const std::string& display, const std::string& uuid,
                 std::string* error) {
-  if (!Addresses(target.host, &server_ip_, &local_ip_, error)) return false;
+  if (!ResolveAddresses(target.host, &server_ip_, &local_ip_, error)) return false;
   if (!janus_.Open(
           target.base_url,
           [this](const Json& event) { worker_.Post([this, event] { OnJanusEvent(event); }); },
@@ -317,23 +264,17 @@ bool Core::Join(const Target& target, const std::string& display, const std::str
   if (pub_handle_ == 0) return false;
   Json reply;
   std::string refusal;
-  const std::string room = Quote(target.room);
-  if (!janus_.Message(pub_handle_,
-                      "{\"request\":\"create\",\"room\":" + room +
-                          ",\"publishers\":16,\"bitrate\":512000,\"fir_freq\":10,"
-                          "\"audiolevel_event\":true,\"audio_active_packets\":50,"
-                          "\"audio_level_average\":40,\"notify_joining\":true}",
-                      "", &reply, &refusal)) {
+  if (!janus_.Message(pub_handle_, CreateRoomRequest(target.room), "", &reply, &refusal)) {
     JsonObject* data = ObjectMember(ObjectMember(reply.object(), "plugindata"), "data");
     if (IntMember(data, "error_code") != 427) {  // 427: the room exists already
       *error = refusal;
       return false;
     }
   }
-  std::string join = "{\"request\":\"join\",\"ptype\":\"publisher\",\"room\":" + room +
-                     ",\"display\":" + Quote(display);
-  if (!uuid.empty()) join += ",\"id\":" + Quote(uuid);
-  if (!janus_.Message(pub_handle_, join + "}", "", &reply, error)) return false;
+  if (!janus_.Message(pub_handle_, PublisherJoinRequest(target.room, display, uuid), "", &reply,
+                      error)) {
+    return false;
+  }
   JsonObject* data = ObjectMember(ObjectMember(reply.object(), "plugindata"), "data");
   if (StringMember(data, "videoroom") != "joined") {
     *error = "The video room did not let us join";
@@ -385,10 +326,7 @@ bool Core::Join(const Target& target, const std::string& display, const std::str
   last_conditions_ = std::chrono::steady_clock::now();
   getrusage(RUSAGE_SELF, &last_usage_);
 
-  JsonArray* publishers = ArrayMember(data, "publishers");
-  for (guint i = 0; publishers && i < json_array_get_length(publishers); ++i) {
-    AddRemote(json_array_get_object_element(publishers, i));
-  }
+  for (const RoomPublisher& publisher : AnnouncedPublishers(data)) AddRemote(publisher);
   return true;
 }
 
@@ -432,22 +370,12 @@ void Core::SendCandidate(uint64_t handle, unsigned mline, const std::string& can
 void Core::OnJanusEvent(const Json& event) {
   JsonObject* root = event.object();
   const std::string kind = StringMember(root, "janus");
-  if (std::getenv("CONVOKE_OPEN_DEBUG")) {
-    gchar* text = json_to_string(event.node(), FALSE);
-    Trace(kVideo, 5, std::string("janus event ") + text);
-    g_free(text);
-  }
   const uint64_t sender = static_cast<uint64_t>(IntMember(root, "sender"));
   if (kind == "event" && sender == pub_handle_) {
     JsonObject* data = ObjectMember(ObjectMember(root, "plugindata"), "data");
-    JsonArray* publishers = ArrayMember(data, "publishers");
-    for (guint i = 0; publishers && i < json_array_get_length(publishers); ++i) {
-      AddRemote(json_array_get_object_element(publishers, i));
-    }
-    for (const char* gone : {"leaving", "unpublished"}) {
-      const std::string feed = StringMember(data, gone);
-      if (!feed.empty() && feed != "ok") RemoveRemote(feed);
-    }
+    for (const RoomPublisher& publisher : AnnouncedPublishers(data)) AddRemote(publisher);
+    const std::string departed = DepartedPublisher(data);
+    if (!departed.empty()) RemoveRemote(departed);
   } else if (kind == "trickle") {
     JsonObject* candidate = ObjectMember(root, "candidate");
     const std::string text = StringMember(candidate, "candidate");
@@ -463,21 +391,13 @@ void Core::OnJanusEvent(const Json& event) {
   }
 }
 
-void Core::AddRemote(JsonObject* publisher) {
-  const std::string feed = StringMember(publisher, "id");
-  if (feed.empty() || feed == my_id_ || remotes_.count(feed)) return;
+void Core::AddRemote(const RoomPublisher& publisher) {
+  const std::string& feed = publisher.id;
+  if (feed == my_id_ || remotes_.count(feed)) return;
+  const bool video = publisher.video;
   auto remote = std::make_unique<Remote>();
   remote->feed = feed;
-  remote->display = StringMember(publisher, "display");
-  bool audio = false, video = false;
-  JsonArray* streams = ArrayMember(publisher, "streams");
-  for (guint i = 0; streams && i < json_array_get_length(streams); ++i) {
-    const std::string type = StringMember(json_array_get_object_element(streams, i), "type");
-    audio = audio || type == "audio";
-    video = video || type == "video";
-  }
-  if (!streams) audio = video = true;
-  if (!audio && !video) return;
+  remote->display = publisher.display;
   remote->audio_id = feed + "/audio";
   if (video) {
     remote->video_id = feed + "/video";
@@ -508,11 +428,11 @@ bool Core::Subscribe(Remote* remote, std::string* error) {
   remote->handle = janus_.Attach(error);
   if (remote->handle == 0) return false;
   Json reply;
-  std::string join =
-      "{\"request\":\"join\",\"ptype\":\"subscriber\",\"room\":" + Quote(target_.room) +
-      ",\"streams\":[{\"feed\":" + Quote(remote->feed) + "}]";
-  if (!private_id_.empty()) join += ",\"private_id\":" + private_id_;
-  if (!janus_.Message(remote->handle, join + "}", "", &reply, error)) return false;
+  if (!janus_.Message(remote->handle,
+                      SubscriberJoinRequest(target_.room, remote->feed, private_id_), "", &reply,
+                      error)) {
+    return false;
+  }
   JsonObject* jsep = ObjectMember(reply.object(), "jsep");
   if (!jsep) return Fail(error, "the video room sent no offer");
   PeerEvents events;

@@ -89,6 +89,20 @@ std::vector<std::pair<Device, GstDevice*>> Probe(Device::Kind kind) {
   return found;
 }
 
+// A bin from a launch description, its unlinked pads ghosted (a virtual source's "src").
+GstElement* ParsedBin(const char* description) {
+  GError* problem = nullptr;
+  GstElement* bin = gst_parse_bin_from_description(description, TRUE, &problem);
+  if (problem) g_error_free(problem);
+  return bin;
+}
+
+// The named element inside a virtual source made by CreateDeviceElement (a new reference).
+GstElement* Inner(GstElement* source, const char* name) {
+  GstElement* inner = GST_IS_BIN(source) ? gst_bin_get_by_name(GST_BIN(source), name) : nullptr;
+  return inner ? inner : GST_ELEMENT(gst_object_ref(source));
+}
+
 }  // namespace
 
 std::vector<Device> ListDevices(Device::Kind kind) {
@@ -134,18 +148,23 @@ bool FindDevice(Device::Kind kind, const std::string& id, Device* device) {
 
 GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool off) {
   if (kind == Device::kCamera && (id == kTestPatternCamera || off)) {
-    GstElement* src = gst_element_factory_make("videotestsrc", nullptr);
-    if (src) gst_util_set_object_arg(G_OBJECT(src), "pattern", off ? "black" : "smpte");
-    if (src) g_object_set(src, "is-live", TRUE, nullptr);
-    return src;
+    // Drawing the bars costs more than encoding them: two pictures a second are drawn (in the
+    // encoder's format, at the size asked downstream) and the latest one is repeated at the
+    // camera's rate.
+    GstElement* camera = ParsedBin(
+        "videotestsrc name=pattern is-live=true ! video/x-raw,format=I420,framerate=2/1 ! "
+        "imagefreeze is-live=true allow-replace=true");
+    if (camera) SetTestPattern(camera, !off);
+    return camera;
   }
   if (kind == Device::kMicrophone && (id == kTestToneMicrophone || off)) {
-    GstElement* src = gst_element_factory_make("audiotestsrc", nullptr);
-    if (src) {
-      g_object_set(src, "is-live", TRUE, "freq", 440.0, "volume", off ? 0.0 : 0.3, nullptr);
-      if (off) gst_util_set_object_arg(G_OBJECT(src), "wave", "silence");
-    }
-    return src;
+    // Made at the encoder's rate and channel count in 20 ms buffers (Opus frames): left to
+    // itself the source picks 44.1 kHz, and every buffer is then resampled.
+    GstElement* microphone = ParsedBin(
+        "audiotestsrc name=tone is-live=true freq=440 samplesperbuffer=960 ! "
+        "capsfilter caps=audio/x-raw,rate=48000,channels=1");
+    if (microphone) SetTestTone(microphone, !off);
+    return microphone;
   }
   if (kind == Device::kSpeaker && id == kNullSpeaker) {
     GstElement* sink = gst_element_factory_make("fakesink", nullptr);
@@ -159,6 +178,19 @@ GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool o
     gst_object_unref(entry.second);
   }
   return element;
+}
+
+void SetTestPattern(GstElement* camera, bool on) {
+  GstElement* pattern = Inner(camera, "pattern");
+  gst_util_set_object_arg(G_OBJECT(pattern), "pattern", on ? "smpte" : "black");
+  gst_object_unref(pattern);
+}
+
+void SetTestTone(GstElement* microphone, bool on) {
+  GstElement* tone = Inner(microphone, "tone");
+  g_object_set(tone, "volume", on ? 0.3 : 0.0, nullptr);
+  gst_util_set_object_arg(G_OBJECT(tone), "wave", on ? "sine-table" : "silence");
+  gst_object_unref(tone);
 }
 
 const std::vector<std::string>& CameraProfiles() {

@@ -32,8 +32,14 @@ std::vector<Device> ListDevices(Device::Kind kind);
 bool FindDevice(Device::Kind kind, const std::string& id, Device* device);
 
 // A new source or sink element for the device (floating reference), or nullptr. The virtual
-// camera's pattern is SMPTE bars; `off` gives black frames or silence instead.
+// camera's pattern is SMPTE bars (a bin with a "src" pad); `off` gives black frames or silence
+// instead.
 GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool off = false);
+
+// Switches a virtual source made by CreateDeviceElement in place: the camera between the SMPTE
+// bars and black, the microphone between the tone and silence.
+void SetTestPattern(GstElement* camera, bool on);
+void SetTestTone(GstElement* microphone, bool on);
 
 // The camera profiles offered for every camera, and the size and rate of one.
 const std::vector<std::string>& CameraProfiles();

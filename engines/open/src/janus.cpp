@@ -95,6 +95,63 @@ std::string Quote(const std::string& text) {
   return out + "\"";
 }
 
+// ---- VideoRoom requests and events --------------------------------------------------------------
+
+std::string CreateRoomRequest(const std::string& room) {
+  return "{\"request\":\"create\",\"room\":" + Quote(room) +
+         ",\"publishers\":16,\"bitrate\":512000,\"fir_freq\":10,\"audiolevel_event\":true,"
+         "\"audio_active_packets\":50,\"audio_level_average\":40,\"notify_joining\":true}";
+}
+
+std::string PublisherJoinRequest(const std::string& room, const std::string& display,
+                                 const std::string& id) {
+  std::string join = "{\"request\":\"join\",\"ptype\":\"publisher\",\"room\":" + Quote(room) +
+                     ",\"display\":" + Quote(display);
+  if (!id.empty()) join += ",\"id\":" + Quote(id);
+  return join + "}";
+}
+
+std::string SubscriberJoinRequest(const std::string& room, const std::string& feed,
+                                  const std::string& private_id) {
+  std::string join = "{\"request\":\"join\",\"ptype\":\"subscriber\",\"room\":" + Quote(room) +
+                     ",\"streams\":[{\"feed\":" + Quote(feed) + "}]";
+  const bool number = !private_id.empty() && private_id.size() <= 19 &&
+                      private_id.find_first_not_of("0123456789") == std::string::npos;
+  if (number) join += ",\"private_id\":" + private_id;
+  return join + "}";
+}
+
+std::vector<RoomPublisher> AnnouncedPublishers(JsonObject* data) {
+  std::vector<RoomPublisher> found;
+  JsonArray* publishers = ArrayMember(data, "publishers");
+  for (guint i = 0; publishers && i < json_array_get_length(publishers); ++i) {
+    JsonNode* node = json_array_get_element(publishers, i);
+    JsonObject* publisher = JSON_NODE_HOLDS_OBJECT(node) ? json_node_get_object(node) : nullptr;
+    RoomPublisher p;
+    p.id = StringMember(publisher, "id");
+    p.display = StringMember(publisher, "display");
+    JsonArray* streams = ArrayMember(publisher, "streams");
+    for (guint j = 0; streams && j < json_array_get_length(streams); ++j) {
+      JsonNode* stream = json_array_get_element(streams, j);
+      if (!JSON_NODE_HOLDS_OBJECT(stream)) continue;
+      const std::string type = StringMember(json_node_get_object(stream), "type");
+      p.audio = p.audio || type == "audio";
+      p.video = p.video || type == "video";
+    }
+    if (!streams) p.audio = p.video = true;
+    if (!p.id.empty() && (p.audio || p.video)) found.push_back(p);
+  }
+  return found;
+}
+
+std::string DepartedPublisher(JsonObject* data) {
+  for (const char* gone : {"leaving", "unpublished"}) {
+    const std::string id = StringMember(data, gone);
+    if (!id.empty() && id != "ok") return id;
+  }
+  return "";
+}
+
 // ---- Janus -------------------------------------------------------------------------------------
 
 namespace {

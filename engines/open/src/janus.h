@@ -14,6 +14,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 typedef struct _SoupSession SoupSession;
 
@@ -45,6 +46,30 @@ std::string StringMember(JsonObject* object, const char* name);
 int64_t IntMember(JsonObject* object, const char* name, int64_t fallback = 0);
 // `text` as a JSON string literal, quotes included.
 std::string Quote(const std::string& text);
+
+// The VideoRoom requests the engines send (plugin message bodies, JSON objects).
+// A room with a string id, created on demand with the options the engines rely on (audio levels,
+// joining notices).
+std::string CreateRoomRequest(const std::string& room);
+// Joining as a publisher; `id` "" lets the server choose one.
+std::string PublisherJoinRequest(const std::string& room, const std::string& display,
+                                 const std::string& id);
+// Subscribing to one publisher's streams; `private_id` (a number, "" when unknown) ties the
+// subscription to our own publisher.
+std::string SubscriberJoinRequest(const std::string& room, const std::string& feed,
+                                  const std::string& private_id);
+
+// A publisher as the VideoRoom announces it ("publishers" of a joined or event message).
+struct RoomPublisher {
+  std::string id, display;
+  bool audio = false, video = false;
+};
+// The publishers a VideoRoom message announces (its "plugindata.data"); those without id or
+// without media are left out. Without a "streams" list both media are assumed.
+std::vector<RoomPublisher> AnnouncedPublishers(JsonObject* data);
+// The publisher a VideoRoom event says has left or stopped publishing, or "" (also for our own
+// "leaving": "ok").
+std::string DepartedPublisher(JsonObject* data);
 
 class Janus {
  public:

@@ -150,7 +150,6 @@ void Peer::OnIceCandidate(GstElement*, guint mline, gchar* candidate, gpointer s
   if (peer->stopped_ || !peer->events_.candidate || !candidate) return;
   // Only candidates on the address that reaches the server, over UDP.
   const std::string text = candidate;
-  if (std::getenv("CONVOKE_OPEN_DEBUG")) g_printerr("open engine: gathered %s\n", candidate);
   if (text.find(" UDP ") == std::string::npos && text.find(" udp ") == std::string::npos) return;
   if (!peer->local_ip_.empty() && CandidateAddress(text) != peer->local_ip_) return;
   peer->events_.candidate(mline, text);
@@ -285,24 +284,27 @@ void Peer::AddRemoteCandidate(unsigned mline, const std::string& candidate) {
 // returns the figures of the previous request and starts the next one.
 PeerStats Peer::Stats() {
   if (stopped_) return PeerStats();
+  // The reply lands in the box, not in the peer: the box lives as long as the request does.
   GstPromise* promise = gst_promise_new_with_change_func(
-      [](GstPromise* done, gpointer self) {
-        Peer* peer = static_cast<Peer*>(self);
+      [](GstPromise* done, gpointer data) {
+        // An interrupted or expired request (the pipeline went away) leaves the figures alone.
+        if (gst_promise_wait(done) != GST_PROMISE_RESULT_REPLIED) return;
         const GstStructure* reply = gst_promise_get_reply(done);
-        if (reply) {
-          PeerStats stats = ParseStats(reply);
-          std::lock_guard<std::mutex> lock(peer->stats_mutex_);
-          peer->stats_ = stats;
-        }
+        if (!reply) return;
+        const PeerStats stats = ParseStats(reply);
+        StatsBox& box = **static_cast<std::shared_ptr<StatsBox>*>(data);
+        std::lock_guard<std::mutex> lock(box.mutex);
+        box.stats = stats;
       },
-      this, nullptr);
+      new std::shared_ptr<StatsBox>(stats_),
+      [](gpointer data) { delete static_cast<std::shared_ptr<StatsBox>*>(data); });
   g_signal_emit_by_name(webrtc_, "get-stats", nullptr, promise);
   gst_promise_unref(promise);
-  std::lock_guard<std::mutex> lock(stats_mutex_);
-  return stats_;
+  std::lock_guard<std::mutex> lock(stats_->mutex);
+  return stats_->stats;
 }
 
-PeerStats Peer::ParseStats(const GstStructure* reply) {
+PeerStats ParseStats(const GstStructure* reply) {
   PeerStats stats;
   const gint n = gst_structure_n_fields(reply);
   for (gint i = 0; i < n; ++i) {
@@ -338,16 +340,19 @@ PeerStats Peer::ParseStats(const GstStructure* reply) {
 bool Publisher::Start(const std::string& microphone, const std::string& camera, int width,
                       int height, int fps, std::string* error) {
   if (!Setup(error)) return false;
-  char description[1024];
+  char description[2048];
   std::snprintf(description, sizeof description,
-                "audioconvert name=aconv ! audioresample ! volume name=micvol ! "
+                "queue name=audio_in leaky=downstream max-size-buffers=0 max-size-bytes=0 "
+                "max-size-time=200000000 ! audioconvert ! audioresample ! "
+                "audio/x-raw,rate=48000,channels=1 ! volume name=micvol ! "
                 "level name=miclevel interval=100000000 post-messages=true ! "
-                "opusenc bitrate=32000 ! rtpopuspay pt=111 ! "
+                "opusenc bitrate=32000 complexity=5 ! rtpopuspay pt=111 ! "
                 "application/x-rtp,media=audio,encoding-name=OPUS,payload=111,clock-rate=48000,"
                 "ssrc=(uint)%u ! queue ! webrtc_a. "
-                "videoconvert name=vconv ! videoscale ! videorate ! "
+                "videorate name=video_in ! queue leaky=downstream max-size-buffers=2 "
+                "max-size-bytes=0 max-size-time=0 ! videoconvert ! videoscale ! "
                 "capsfilter name=camcaps caps=video/x-raw,width=%d,height=%d,framerate=%d/1 ! "
-                "vp8enc deadline=1 threads=1 cpu-used=8 target-bitrate=500000 "
+                "vp8enc deadline=1 threads=1 cpu-used=16 target-bitrate=500000 "
                 "keyframe-max-dist=60 ! rtpvp8pay pt=96 ! "
                 "application/x-rtp,media=video,encoding-name=VP8,payload=96,clock-rate=90000,"
                 "ssrc=(uint)%u ! queue ! webrtc_v.",
@@ -376,7 +381,7 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
     gst_object_unref(src);
     gst_object_unref(last);
   }
-  for (const char* start : {"aconv", "vconv"}) {
+  for (const char* start : {"audio_in", "video_in"}) {
     GstElement* first = gst_bin_get_by_name(GST_BIN(bin), start);
     GstPad* sink = gst_element_get_static_pad(first, "sink");
     gst_element_add_pad(bin, gst_ghost_pad_new(start, sink));
@@ -392,8 +397,8 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
   microphone_ = microphone;
   camera_ = camera;
   gst_bin_add_many(GST_BIN(pipeline_), audio_source_, video_source_, nullptr);
-  if (!gst_element_link_pads(audio_source_, nullptr, bin, "aconv") ||
-      !gst_element_link_pads(video_source_, nullptr, bin, "vconv")) {
+  if (!gst_element_link_pads(audio_source_, nullptr, bin, "audio_in") ||
+      !gst_element_link_pads(video_source_, nullptr, bin, "video_in")) {
     if (error) *error = "Could not link the microphone or the camera";
     return false;
   }
@@ -427,13 +432,12 @@ void Publisher::SetMicrophone(const std::string& id, bool enabled, int volume) {
       generated(microphone_, kTestToneMicrophone)) {
     // Tone and silence come from the same element: no swap, which would wait for the streaming
     // thread while webrtcbin holds it until the connection is up.
-    g_object_set(audio_source_, "volume", wanted.empty() ? 0.0 : 0.3, nullptr);
-    gst_util_set_object_arg(G_OBJECT(audio_source_), "wave", wanted.empty() ? "silence" : "sine");
+    SetTestTone(audio_source_, !wanted.empty());
     microphone_ = wanted;
   } else if (wanted != microphone_) {
     GstElement* source = CreateDeviceElement(Device::kMicrophone, wanted, wanted.empty());
     if (source) {
-      Swap(&audio_source_, source, "aconv");
+      Swap(&audio_source_, source, "audio_in");
       microphone_ = wanted;
     }
   }
@@ -451,12 +455,12 @@ void Publisher::SetCamera(const std::string& id, bool enabled, int width, int he
     return id.empty() || id == kTestPatternCamera;
   };
   if (wanted != camera_ && generated(wanted) && generated(camera_)) {
-    gst_util_set_object_arg(G_OBJECT(video_source_), "pattern", wanted.empty() ? "black" : "smpte");
+    SetTestPattern(video_source_, !wanted.empty());
     camera_ = wanted;
   } else if (wanted != camera_) {
     GstElement* source = CreateDeviceElement(Device::kCamera, wanted, wanted.empty());
     if (source) {
-      Swap(&video_source_, source, "vconv");
+      Swap(&video_source_, source, "video_in");
       camera_ = wanted;
     }
   }
@@ -465,7 +469,13 @@ void Publisher::SetCamera(const std::string& id, bool enabled, int width, int he
     GstCaps* wanted_caps =
         gst_caps_new_simple("video/x-raw", "width", G_TYPE_INT, width, "height", G_TYPE_INT, height,
                             "framerate", GST_TYPE_FRACTION, fps, 1, nullptr);
-    g_object_set(caps, "caps", wanted_caps, nullptr);
+    GstCaps* current = nullptr;
+    g_object_get(caps, "caps", &current, nullptr);
+    // Setting the same caps again would still renegotiate the whole chain, source included.
+    if (!current || !gst_caps_is_equal(current, wanted_caps)) {
+      g_object_set(caps, "caps", wanted_caps, nullptr);
+    }
+    if (current) gst_caps_unref(current);
     gst_caps_unref(wanted_caps);
     gst_object_unref(caps);
   }
@@ -502,6 +512,12 @@ void ReleaseFrame(ktengine_frame* frame) {
 }
 
 int BytesPerPixel(ktengine_pixel_format format) { return format == KTENGINE_RGB888 ? 3 : 4; }
+
+GstVideoFormat VideoFormat(ktengine_pixel_format format) {
+  return format == KTENGINE_RGB888     ? GST_VIDEO_FORMAT_RGB
+         : format == KTENGINE_BGRA8888 ? GST_VIDEO_FORMAT_BGRA
+                                       : GST_VIDEO_FORMAT_RGBA;
+}
 
 }  // namespace
 
@@ -671,9 +687,12 @@ GstFlowReturn Subscriber::OnSample(GstElement* sink, gpointer self) {
     bool first = false;
     {
       std::lock_guard<std::mutex> lock(sub->mutex_);
-      slot = sub->slot_;
-      first = sub->first_frame_;
-      sub->first_frame_ = false;
+      // A frame still in the format of an earlier render request is not the host's picture.
+      if (GST_VIDEO_INFO_FORMAT(&info) == VideoFormat(sub->format_)) {
+        slot = sub->slot_;
+        first = sub->first_frame_ && slot;
+        sub->first_frame_ = sub->first_frame_ && !slot;
+      }
     }
     if (slot) {
       slot->Offer(map.data, GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info),
@@ -711,10 +730,8 @@ void Subscriber::StopRender() {
 void Subscriber::ApplyRender() {
   if (!gate_ || !caps_) return;
   if (slot_) {
-    const char* format = format_ == KTENGINE_RGB888     ? "RGB"
-                         : format_ == KTENGINE_BGRA8888 ? "BGRA"
-                                                        : "RGBA";
-    GstCaps* caps = gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, format, "width",
+    GstCaps* caps = gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING,
+                                        gst_video_format_to_string(VideoFormat(format_)), "width",
                                         G_TYPE_INT, width_, "height", G_TYPE_INT, height_, nullptr);
     g_object_set(caps_, "caps", caps, nullptr);
     gst_caps_unref(caps);

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -39,6 +40,9 @@ struct PeerStats {
   double round_trip_s = 0;
   double jitter_s = 0;
 };
+
+// The figures of a webrtcbin statistics reply, summed over its streams.
+PeerStats ParseStats(const GstStructure* reply);
 
 // The part both peers share: a pipeline with one webrtcbin whose ICE agent keeps to the address
 // that reaches the meeting server.
@@ -70,12 +74,15 @@ class Peer {
   std::string KeepServerCandidates(const std::string& sdp) const;
   bool OnServerAddress(const std::string& candidate) const;
 
-  static PeerStats ParseStats(const GstStructure* reply);
-
   std::string local_ip_;
   std::string server_ip_;
-  std::mutex stats_mutex_;
-  PeerStats stats_;
+  // The figures of the last statistics request. Shared with the request in flight, whose reply may
+  // come after this peer is gone.
+  struct StatsBox {
+    std::mutex mutex;
+    PeerStats stats;
+  };
+  std::shared_ptr<StatsBox> stats_ = std::make_shared<StatsBox>();
   PeerEvents events_;
   GstElement* pipeline_ = nullptr;
   GstElement* webrtc_ = nullptr;

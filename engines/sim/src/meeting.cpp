@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "ktengine/meeting_url.h"
 #include "simulation.h"
 
 namespace ktsim {
@@ -246,27 +247,12 @@ void Meeting::Reset() {
 
 bool Meeting::Connect(ktsim_engine engine, const std::string& url, const std::string& display_name,
                       const std::string& uuid, std::string* error) {
-  // rtsp://<server>:46000/kt.sdp/<4 or 6>/<meeting id>[?options]
-  const std::string scheme = "rtsp://", port = ":46000/kt.sdp/";
-  const size_t at = url.find(port);
-  bool valid =
-      url.compare(0, scheme.size(), scheme) == 0 && at != std::string::npos && at > scheme.size();
-  if (valid) {
-    const std::string server = url.substr(scheme.size(), at - scheme.size());
-    const bool bracketed = server.front() == '[' && server.back() == ']';
-    valid = server.find('/') == std::string::npos &&
-            (bracketed || server.find(':') == std::string::npos);
+  ktengine::MeetingUrl parsed;
+  if (!ktengine::ParseMeetingUrl(url, engine == KTSIM_VIDEO ? '6' : '4', &parsed)) {
+    return Fail(error, "Invalid server URL '" + url + "'");
   }
-  const std::string path = engine == KTSIM_VIDEO ? "6/" : "4/";
-  const size_t id_at = valid ? at + port.size() + path.size() : 0;
-  valid = valid && url.compare(at + port.size(), path.size(), path) == 0 && id_at < url.size() &&
-          url[id_at] != '?';
-  if (!valid) return Fail(error, "Invalid server URL '" + url + "'");
-
-  const std::string rest = url.substr(id_at);
-  const size_t q = rest.find('?');
-  const std::string meeting_id = rest.substr(0, q);
-  const std::string query = q == std::string::npos ? "" : rest.substr(q + 1);
+  const std::string& meeting_id = parsed.meeting;
+  const std::string& query = parsed.query;
 
   std::lock_guard<std::mutex> life(lifecycle_);
   std::lock_guard<std::mutex> lock(mutex_);

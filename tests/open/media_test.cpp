@@ -1,0 +1,142 @@
+// The frame slot between a decoder and the host's polling, and the reading of webrtcbin's
+// statistics. No peer connection is made.
+#include <gst/gst.h>
+#define GST_USE_UNSTABLE_API
+#include <gst/webrtc/webrtc.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "media.h"
+
+namespace {
+
+using ktopen::FrameSlot;
+
+bool Even(const ktengine_frame* frame) {
+  return __atomic_load_n(&frame->sequence, __ATOMIC_ACQUIRE) % 2 == 0;
+}
+
+TEST(FrameSlot, TakeWritesTheNewestOfferedFrameOnceWithoutRowPadding) {
+  FrameSlot slot;
+  ktengine_frame* frame = slot.Start("feed/video", KTENGINE_RGB888, 4, 2);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_EQ(frame->magic, KTENGINE_FRAME_MAGIC);
+  EXPECT_EQ(frame->format, static_cast<unsigned>(KTENGINE_RGB888));
+  EXPECT_EQ(frame->width, 4);
+  EXPECT_EQ(frame->height, 2);
+  EXPECT_EQ(frame->bytes_per_pixel, 3);
+  EXPECT_EQ(frame->stride, 12);
+  EXPECT_GE(frame->capacity, 4u * 4 * 2);
+  EXPECT_STREQ(frame->stream_id, "feed/video");
+  EXPECT_TRUE(slot.rendering());
+  EXPECT_EQ(slot.Take(), 0);  // nothing offered yet
+
+  // Two frames with 4 bytes of padding per row: only the newest arrives, rows packed.
+  std::vector<uint8_t> older(16 * 2, 0x11), newer(16 * 2, 0xee);
+  for (int i = 0; i < 12; ++i) newer[i] = static_cast<uint8_t>(i), newer[16 + i] = 100 + i;
+  slot.Offer(older.data(), 4, 2, 16);
+  slot.Offer(newer.data(), 4, 2, 16);
+  EXPECT_TRUE(Even(frame));
+  ASSERT_EQ(slot.Take(), 1);
+  EXPECT_TRUE(Even(frame));
+  EXPECT_EQ(frame->frame_number, 1u);
+  for (int i = 0; i < 12; ++i) {
+    EXPECT_EQ(frame->data[i], i);
+    EXPECT_EQ(frame->data[12 + i], 100 + i);
+  }
+  EXPECT_EQ(slot.Take(), 0);  // no new frame since
+
+  // A frame larger than the descriptor is cut to it; a smaller one shrinks the picture.
+  std::vector<uint8_t> big(8 * 3 * 4, 7);
+  slot.Offer(big.data(), 8, 4, 8 * 3);
+  ASSERT_EQ(slot.Take(), 1);
+  EXPECT_EQ(frame->width, 4);
+  EXPECT_EQ(frame->height, 2);
+  std::vector<uint8_t> small(3 * 3, 9);
+  slot.Offer(small.data(), 3, 1, 9);
+  ASSERT_EQ(slot.Take(), 1);
+  EXPECT_EQ(frame->width, 3);
+  EXPECT_EQ(frame->height, 1);
+  EXPECT_EQ(frame->stride, 9);
+  EXPECT_EQ(frame->frame_number, 3u);
+
+  // Once stopped, offers are ignored.
+  slot.Stop();
+  EXPECT_FALSE(slot.rendering());
+  slot.Offer(newer.data(), 4, 2, 16);
+  EXPECT_EQ(slot.Take(), 0);
+}
+
+TEST(FrameSlot, DescriptorsAreReusedNeverFreed) {
+  ktengine_frame* first = nullptr;
+  {
+    FrameSlot slot;
+    first = slot.Start("a/video", KTENGINE_BGRA8888, 64, 48);
+    EXPECT_EQ(first->stride, 64 * 4);
+    // Restarting smaller keeps the descriptor; the counter starts again.
+    EXPECT_EQ(slot.Start("a/video", KTENGINE_RGBA8888, 32, 24), first);
+    EXPECT_EQ(first->frame_number, 0u);
+    EXPECT_EQ(first->max_width, 64);
+  }
+  // The slot is gone but its descriptor stays readable, and a later stream may take it over.
+  EXPECT_EQ(first->magic, KTENGINE_FRAME_MAGIC);
+  FrameSlot other;
+  ktengine_frame* second = other.Start("b/video", KTENGINE_RGB888, 16, 16);
+  EXPECT_EQ(second, first);
+  EXPECT_STREQ(second->stream_id, "b/video");
+  // A size beyond every pooled descriptor gets a new one; sizes are bounded.
+  ktengine_frame* huge = other.Start("b/video", KTENGINE_RGB888, 100000, 2);
+  EXPECT_NE(huge, first);
+  EXPECT_EQ(huge->max_width, 4096);
+}
+
+GstStructure* Entry(GstWebRTCStatsType type) {
+  return gst_structure_new("entry", "type", GST_TYPE_WEBRTC_STATS_TYPE, type, nullptr);
+}
+
+TEST(PeerStats, SumsStreamsAndKeepsTheWorstFigures) {
+  ASSERT_TRUE(ktopen::InitMedia(nullptr));
+  GstStructure* audio_in = Entry(GST_WEBRTC_STATS_INBOUND_RTP);
+  gst_structure_set(audio_in, "bytes-received", G_TYPE_UINT64, guint64{1000}, "packets-received",
+                    G_TYPE_UINT64, guint64{50}, "packets-lost", G_TYPE_INT64, gint64{2}, "jitter",
+                    G_TYPE_DOUBLE, 0.004, nullptr);
+  GstStructure* video_in = Entry(GST_WEBRTC_STATS_INBOUND_RTP);
+  gst_structure_set(video_in, "bytes-received", G_TYPE_UINT64, guint64{30000}, "packets-received",
+                    G_TYPE_UINT64, guint64{40}, "packets-lost", G_TYPE_INT64, gint64{-1}, "jitter",
+                    G_TYPE_DOUBLE, 0.002, nullptr);
+  GstStructure* out = Entry(GST_WEBRTC_STATS_OUTBOUND_RTP);
+  gst_structure_set(out, "bytes-sent", G_TYPE_UINT64, guint64{7000}, nullptr);
+  GstStructure* remote_a = Entry(GST_WEBRTC_STATS_REMOTE_INBOUND_RTP);
+  gst_structure_set(remote_a, "fraction-lost", G_TYPE_DOUBLE, 0.25, "round-trip-time",
+                    G_TYPE_DOUBLE, 0.010, nullptr);
+  GstStructure* remote_b = Entry(GST_WEBRTC_STATS_REMOTE_INBOUND_RTP);
+  gst_structure_set(remote_b, "fraction-lost", G_TYPE_DOUBLE, 0.05, "round-trip-time",
+                    G_TYPE_DOUBLE, 0.030, nullptr);
+  GstStructure* transport = Entry(GST_WEBRTC_STATS_TRANSPORT);
+  gst_structure_set(transport, "bytes-sent", G_TYPE_UINT64, guint64{999999}, nullptr);
+
+  GstStructure* reply = gst_structure_new_empty("application/x-webrtc-stats");
+  const std::pair<const char*, GstStructure*> entries[] = {
+      {"in-a", audio_in}, {"in-v", video_in}, {"out", out},
+      {"ri-a", remote_a}, {"ri-v", remote_b}, {"transport", transport}};
+  for (const auto& entry : entries) {
+    gst_structure_set(reply, entry.first, GST_TYPE_STRUCTURE, entry.second, nullptr);
+    gst_structure_free(entry.second);
+  }
+  gst_structure_set(reply, "not-a-structure", G_TYPE_INT, 5, nullptr);
+
+  const ktopen::PeerStats stats = ktopen::ParseStats(reply);
+  gst_structure_free(reply);
+  EXPECT_EQ(stats.bytes_received, 31000u);
+  EXPECT_EQ(stats.packets_received, 90u);
+  EXPECT_EQ(stats.packets_lost, 1);
+  EXPECT_DOUBLE_EQ(stats.jitter_s, 0.004);
+  EXPECT_EQ(stats.bytes_sent, 7000u);  // the transport's own count is not a stream's
+  EXPECT_DOUBLE_EQ(stats.fraction_lost, 0.25);
+  EXPECT_DOUBLE_EQ(stats.round_trip_s, 0.030);
+}
+
+}  // namespace
