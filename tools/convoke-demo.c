@@ -24,6 +24,7 @@
 
 #include "convoke/convoke.h"
 #include "demo_frame.h"
+#include "demo_register.h"
 
 #define MAX_PARTICIPANTS 64
 #define MAX_STREAMS 128
@@ -207,14 +208,6 @@ static void onSignal(int signal) {
   interrupted = 1;
 }
 
-/* ISO C has no cast between function and object pointers: copy the representation. */
-#define REGISTER(slot, fn)                     \
-  do {                                         \
-    void* pointer_;                            \
-    memcpy(&pointer_, &(fn), sizeof pointer_); \
-    SetDelegateCallback((slot), pointer_);     \
-  } while (0)
-
 static void registerCallbacks(void) {
   ConvokeParticipantCallback added = onParticipantAdded, removed = onParticipantRemoved;
   ConvokeParticipantStreamCallback videoAdded = onVideoAdded, videoRemoved = onVideoRemoved;
@@ -223,16 +216,16 @@ static void registerCallbacks(void) {
   ConvokeMeterCallback input = onInputMeter, output = onOutputMeter;
   ConvokeAudioConditionCallback conditions = onAudioConditions;
   ConvokePlaybackCallback ended = onPlaybackEnded;
-  REGISTER(DelegateCallbackSlotParticipantAdded, added);
-  REGISTER(DelegateCallbackSlotParticipantRemoved, removed);
-  REGISTER(DelegateCallbackSlotParticipantVideoAdded, videoAdded);
-  REGISTER(DelegateCallbackSlotParticipantVideoRemoved, videoRemoved);
-  REGISTER(DelegateCallbackSlotVideoFrameReady, frame);
-  REGISTER(DelegateCallbackSlotParticipantAmplitudeChanged, amplitude);
-  REGISTER(DelegateCallbackSlotInputMeterChanged, input);
-  REGISTER(DelegateCallbackSlotOutputMeterChanged, output);
-  REGISTER(DelegateCallbackSlotAudioConditionUpdate, conditions);
-  REGISTER(DelegateCallbackSlotBinaryPlaybackEnded, ended);
+  DEMO_REGISTER(DelegateCallbackSlotParticipantAdded, added);
+  DEMO_REGISTER(DelegateCallbackSlotParticipantRemoved, removed);
+  DEMO_REGISTER(DelegateCallbackSlotParticipantVideoAdded, videoAdded);
+  DEMO_REGISTER(DelegateCallbackSlotParticipantVideoRemoved, videoRemoved);
+  DEMO_REGISTER(DelegateCallbackSlotVideoFrameReady, frame);
+  DEMO_REGISTER(DelegateCallbackSlotParticipantAmplitudeChanged, amplitude);
+  DEMO_REGISTER(DelegateCallbackSlotInputMeterChanged, input);
+  DEMO_REGISTER(DelegateCallbackSlotOutputMeterChanged, output);
+  DEMO_REGISTER(DelegateCallbackSlotAudioConditionUpdate, conditions);
+  DEMO_REGISTER(DelegateCallbackSlotBinaryPlaybackEnded, ended);
 }
 
 /* ---- devices ------------------------------------------------------------------------------ */

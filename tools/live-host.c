@@ -22,6 +22,7 @@
 
 #include "convoke/convoke.h"
 #include "demo_frame.h"
+#include "demo_register.h"
 
 #define TEXT 160
 
@@ -114,23 +115,16 @@ static void onAmplitude(const char* uuid, unsigned char amplitude, bool muted) {
 static int joined = -1;
 static void onJoined(bool ok) { joined = ok ? 1 : 0; }
 
-#define REGISTER(slot, fn)                     \
-  do {                                         \
-    void* pointer_;                            \
-    memcpy(&pointer_, &(fn), sizeof pointer_); \
-    SetDelegateCallback((slot), pointer_);     \
-  } while (0)
-
 static void registerCallbacks(void) {
   ConvokeParticipantCallback added = onAdded, removed = onRemoved;
   ConvokeParticipantStreamCallback videoAdded = onVideoAdded;
   ConvokeVideoBufferCallback frame = onFrame;
   ConvokeAmplitudeCallback amplitude = onAmplitude;
-  REGISTER(DelegateCallbackSlotParticipantAdded, added);
-  REGISTER(DelegateCallbackSlotParticipantRemoved, removed);
-  REGISTER(DelegateCallbackSlotParticipantVideoAdded, videoAdded);
-  REGISTER(DelegateCallbackSlotVideoFrameReady, frame);
-  REGISTER(DelegateCallbackSlotParticipantAmplitudeChanged, amplitude);
+  DEMO_REGISTER(DelegateCallbackSlotParticipantAdded, added);
+  DEMO_REGISTER(DelegateCallbackSlotParticipantRemoved, removed);
+  DEMO_REGISTER(DelegateCallbackSlotParticipantVideoAdded, videoAdded);
+  DEMO_REGISTER(DelegateCallbackSlotVideoFrameReady, frame);
+  DEMO_REGISTER(DelegateCallbackSlotParticipantAmplitudeChanged, amplitude);
 }
 
 static int join(const char* server, const char* meeting, const char* name) {

@@ -31,7 +31,12 @@ namespace ktopen {
 
 using ktsim::Escape;
 using ktsim::EventQueue;
+using ktsim::Fail;
 using ktsim::Node;
+using ktsim::ReadFlag;
+using ktsim::StreamEvent;
+using ktsim::Tag;
+using ktsim::TextOf;
 
 namespace {
 
@@ -40,32 +45,6 @@ constexpr auto kLeaveLimit = std::chrono::seconds(10);
 constexpr int kAnnouncedWidth = 640;  // what remote cameras are announced with (they send that)
 constexpr int kAnnouncedHeight = 480;
 
-std::string Tag(const char* name, const std::string& text) {
-  return std::string("<") + name + ">" + Escape(text) + "</" + name + ">";
-}
-std::string Tag(const char* name, long number) {
-  return std::string("<") + name + ">" + std::to_string(number) + "</" + name + ">";
-}
-std::string StreamEvent(const char* event, const std::string& id, const std::string& inner) {
-  const std::string open = std::string("<event name=\"") + event + "\"><stream id=\"" + Escape(id);
-  if (inner.empty()) return open + "\"/></event>";
-  return open + "\">" + inner + "</stream></event>";
-}
-const std::string* TextOf(const Node& node, const char* child) {
-  const Node* c = node.Child(child);
-  return c ? &c->text : nullptr;
-}
-bool Fail(std::string* error, const std::string& why) {
-  *error = why;
-  return false;
-}
-bool ReadFlag(const Node& node, bool* value, std::string* error) {
-  if (node.text == "true" || node.text == "false") {
-    *value = node.text == "true";
-    return true;
-  }
-  return Fail(error, "Invalid value '" + node.text + "' for " + node.name);
-}
 bool ReadInt(const std::string& text, long low, long high, long* value) {
   if (text.empty() || text.size() > 9) return false;
   for (char c : text) {

@@ -44,24 +44,29 @@ std::string IdOf(GstDevice* device) {
   return id;
 }
 
-bool Hidden(GstDevice* device) {
+// read(properties) on the device's property structure, when it has one.
+template <class Read>
+void ReadProperties(GstDevice* device, Read read) {
   GstStructure* props = gst_device_get_properties(device);
+  if (!props) return;
+  read(props);
+  gst_structure_free(props);
+}
+
+bool Hidden(GstDevice* device) {
   bool hidden = false;
-  if (props) {
+  ReadProperties(device, [&](GstStructure* props) {
     const gchar* cls = gst_structure_get_string(props, "device.class");
     hidden = cls && g_strcmp0(cls, "monitor") == 0;  // "Monitor of ..." sources
-    gst_structure_free(props);
-  }
+  });
   return hidden;
 }
 
 bool IsDefault(GstDevice* device) {
-  GstStructure* props = gst_device_get_properties(device);
   gboolean is_default = FALSE;
-  if (props) {
+  ReadProperties(device, [&](GstStructure* props) {
     gst_structure_get_boolean(props, "is-default", &is_default);
-    gst_structure_free(props);
-  }
+  });
   return is_default;
 }
 

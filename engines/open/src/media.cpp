@@ -214,41 +214,31 @@ std::string Peer::KeepServerCandidates(const std::string& sdp) const {
 }
 
 std::string Peer::CreateOffer(std::string* error) {
-  GstStructure* reply = Await(webrtc_, "create-offer", nullptr);
-  GstWebRTCSessionDescription* offer = nullptr;
-  if (reply)
-    gst_structure_get(reply, "offer", GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &offer, nullptr);
-  if (reply) gst_structure_free(reply);
-  if (!offer) {
-    if (error) *error = "Could not make a WebRTC offer";
-    return "";
-  }
-  GstStructure* set = Await(webrtc_, "set-local-description", offer);
-  if (set) gst_structure_free(set);
-  gchar* text = gst_sdp_message_as_text(offer->sdp);
-  std::string sdp = text ? text : "";
-  g_free(text);
-  gst_webrtc_session_description_free(offer);
-  return sdp;
+  return CreateDescription("create-offer", "offer", "Could not make a WebRTC offer", error);
 }
 
 std::string Peer::CreateAnswer(std::string* error) {
-  GstStructure* reply = Await(webrtc_, "create-answer", nullptr);
-  GstWebRTCSessionDescription* answer = nullptr;
+  return CreateDescription("create-answer", "answer", "Could not make a WebRTC answer", error);
+}
+
+std::string Peer::CreateDescription(const char* signal, const char* field, const char* failure,
+                                    std::string* error) {
+  GstStructure* reply = Await(webrtc_, signal, nullptr);
+  GstWebRTCSessionDescription* description = nullptr;
   if (reply) {
-    gst_structure_get(reply, "answer", GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &answer, nullptr);
+    gst_structure_get(reply, field, GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &description, nullptr);
+    gst_structure_free(reply);
   }
-  if (reply) gst_structure_free(reply);
-  if (!answer) {
-    if (error) *error = "Could not make a WebRTC answer";
+  if (!description) {
+    if (error) *error = failure;
     return "";
   }
-  GstStructure* set = Await(webrtc_, "set-local-description", answer);
+  GstStructure* set = Await(webrtc_, "set-local-description", description);
   if (set) gst_structure_free(set);
-  gchar* text = gst_sdp_message_as_text(answer->sdp);
+  gchar* text = gst_sdp_message_as_text(description->sdp);
   std::string sdp = text ? text : "";
   g_free(text);
-  gst_webrtc_session_description_free(answer);
+  gst_webrtc_session_description_free(description);
   return sdp;
 }
 

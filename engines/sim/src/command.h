@@ -31,6 +31,19 @@ std::unique_ptr<Node> ParseCommand(const std::string& text, std::string* error);
 // `text` with & < > " escaped, for element texts and attribute values of event documents.
 std::string Escape(const std::string& text);
 
+// Pieces of event documents: <name>text</name> (escaped) or <name>number</name>, and an event about
+// one stream, <event name="event"><stream id="id">inner</stream></event> (id escaped; an empty
+// inner makes the stream element empty).
+std::string Tag(const char* name, const std::string& text);
+std::string Tag(const char* name, long number);
+std::string StreamEvent(const char* event, const std::string& id, const std::string& inner);
+
+// Reading commands: the text of a child element, or nullptr; a refusal (why into *error, false);
+// a "true" / "false" element into *value, refused as "Invalid value '<text>' for <name>" otherwise.
+const std::string* TextOf(const Node& node, const char* child);
+bool Fail(std::string* error, const std::string& why);
+bool ReadFlag(const Node& node, bool* value, std::string* error);
+
 }  // namespace ktsim
 
 #endif  // KTSIM_COMMAND_H

@@ -90,39 +90,6 @@ void ProfileSize(const std::string& profile, bool screen, int* width, int* heigh
   }
 }
 
-std::string Tag(const char* name, const std::string& text) {
-  return std::string("<") + name + ">" + Escape(text) + "</" + name + ">";
-}
-
-std::string Tag(const char* name, long number) {
-  return std::string("<") + name + ">" + std::to_string(number) + "</" + name + ">";
-}
-
-std::string StreamEvent(const char* event, const std::string& id, const std::string& inner) {
-  const std::string open = std::string("<event name=\"") + event + "\"><stream id=\"" + Escape(id);
-  if (inner.empty()) return open + "\"/></event>";
-  return open + "\">" + inner + "</stream></event>";
-}
-
-// The text of a child element, or nullptr.
-const std::string* TextOf(const Node& node, const char* child) {
-  const Node* c = node.Child(child);
-  return c ? &c->text : nullptr;
-}
-
-bool Fail(std::string* error, const std::string& why) {
-  *error = why;
-  return false;
-}
-
-bool ReadFlag(const Node& node, bool* value, std::string* error) {
-  if (node.text == "true" || node.text == "false") {
-    *value = node.text == "true";
-    return true;
-  }
-  return Fail(error, "Invalid value '" + node.text + "' for " + node.name);
-}
-
 }  // namespace
 
 // ---- Options ---------------------------------------------------------------------------------
