@@ -412,25 +412,32 @@ void Publisher::Swap(GstElement** current, GstElement* replacement, const char* 
   if (old_src) gst_object_unref(old_src);
 }
 
+void Publisher::SelectSource(Device::Kind kind, const std::string& wanted, const char* generated,
+                             void (*toggle)(GstElement*, bool), const char* downstream,
+                             std::string* current, GstElement** source) {
+  if (wanted == *current) return;
+  const auto isGenerated = [generated](const std::string& id) {
+    return id.empty() || id == generated;
+  };
+  if (isGenerated(wanted) && isGenerated(*current)) {
+    // The generated source and "off" are the same element: no swap, which would wait for the
+    // streaming thread while webrtcbin holds it until the connection is up.
+    toggle(*source, !wanted.empty());
+    *current = wanted;
+    return;
+  }
+  GstElement* replacement = CreateDeviceElement(kind, wanted, wanted.empty());
+  if (replacement) {
+    Swap(source, replacement, downstream);
+    *current = wanted;
+  }
+}
+
 void Publisher::SetMicrophone(const std::string& id, bool enabled, int volume) {
   if (!pipeline_ || stopped_) return;
   const std::string wanted = enabled ? id : "";
-  const auto generated = [](const std::string& id, const char* test) {
-    return id.empty() || id == test;
-  };
-  if (wanted != microphone_ && generated(wanted, kTestToneMicrophone) &&
-      generated(microphone_, kTestToneMicrophone)) {
-    // Tone and silence come from the same element: no swap, which would wait for the streaming
-    // thread while webrtcbin holds it until the connection is up.
-    SetTestTone(audio_source_, !wanted.empty());
-    microphone_ = wanted;
-  } else if (wanted != microphone_) {
-    GstElement* source = CreateDeviceElement(Device::kMicrophone, wanted, wanted.empty());
-    if (source) {
-      Swap(&audio_source_, source, "audio_in");
-      microphone_ = wanted;
-    }
-  }
+  SelectSource(Device::kMicrophone, wanted, kTestToneMicrophone, SetTestTone, "audio_in",
+               &microphone_, &audio_source_);
   GstElement* gain = gst_bin_get_by_name(GST_BIN(pipeline_), "micvol");
   if (gain) {
     g_object_set(gain, "volume", std::clamp(volume, 0, 100) / 100.0, "mute", !enabled, nullptr);
@@ -441,19 +448,8 @@ void Publisher::SetMicrophone(const std::string& id, bool enabled, int volume) {
 void Publisher::SetCamera(const std::string& id, bool enabled, int width, int height, int fps) {
   if (!pipeline_ || stopped_) return;
   const std::string wanted = enabled ? id : "";
-  const auto generated = [](const std::string& id) {
-    return id.empty() || id == kTestPatternCamera;
-  };
-  if (wanted != camera_ && generated(wanted) && generated(camera_)) {
-    SetTestPattern(video_source_, !wanted.empty());
-    camera_ = wanted;
-  } else if (wanted != camera_) {
-    GstElement* source = CreateDeviceElement(Device::kCamera, wanted, wanted.empty());
-    if (source) {
-      Swap(&video_source_, source, "video_in");
-      camera_ = wanted;
-    }
-  }
+  SelectSource(Device::kCamera, wanted, kTestPatternCamera, SetTestPattern, "video_in", &camera_,
+               &video_source_);
   GstElement* caps = gst_bin_get_by_name(GST_BIN(pipeline_), "camcaps");
   if (caps) {
     GstCaps* wanted_caps =

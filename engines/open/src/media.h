@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "devices.h"
 #include "ktengine/frame.h"
 
 namespace ktopen {
@@ -73,7 +74,7 @@ class Peer {
 
   static void OnNegotiationNeeded(GstElement* webrtc, gpointer self);
   static void OnIceCandidate(GstElement* webrtc, guint mline, gchar* candidate, gpointer self);
-  static void OnGatheringState(GstElement* webrtc, GParamSpec* spec, gpointer self);
+  static void OnGatheringState(GstElement* webrtc, GParamSpec* property, gpointer self);
   static GstBusSyncReply OnBusMessage(GstBus* bus, GstMessage* message, gpointer self);
   std::string KeepServerCandidates(const std::string& sdp) const;
   bool OnServerAddress(const std::string& candidate) const;
@@ -106,6 +107,12 @@ class Publisher : public Peer {
 
  private:
   void Swap(GstElement** current, GstElement* replacement, const char* downstream);
+  // Switches *source (feeding downstream) to device wanted, "" meaning off, and records it in
+  // *current. The generated device turns on and off in place through toggle; any other change
+  // swaps in a new element.
+  void SelectSource(Device::Kind kind, const std::string& wanted, const char* generated,
+                    void (*toggle)(GstElement*, bool), const char* downstream, std::string* current,
+                    GstElement** source);
 
   GstElement* audio_source_ = nullptr;
   GstElement* video_source_ = nullptr;
