@@ -320,7 +320,10 @@ TEST(MemoryManager, ConcurrentReportsAndCrossThreadReleasesKeepTheAccounts) {
   std::mutex passedMutex;
   std::vector<void*> passed;  // blocks one worker allocated for the other to release
   std::atomic<int> running{2};
+  std::atomic<bool> go{false};
   auto worker = [&](int id) {
+    // Both start once the reports do, so that the two overlap however fast the workers are.
+    while (!go.load()) std::this_thread::yield();
     for (int i = 0; i < kRounds; ++i) {
       void* own = m->Allocate(static_cast<std::size_t>(48 + i % 64), "cross", id);
       void* theirs = nullptr;
@@ -341,13 +344,14 @@ TEST(MemoryManager, ConcurrentReportsAndCrossThreadReleasesKeepTheAccounts) {
   std::thread a(worker, 1);
   std::thread b(worker, 2);
   std::size_t reports = 0;
-  while (running.load() != 0) {
+  go.store(true);
+  do {
     const std::size_t count = m->Count();
     EXPECT_GE(count, before);
     EXPECT_LE(count, before + 2 + kRounds);
     EXPECT_EQ(m->Summary().rfind("Used ", 0), 0u);
     ++reports;
-  }
+  } while (running.load() != 0);
   a.join();
   b.join();
   EXPECT_GT(reports, 0u);
