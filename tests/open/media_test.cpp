@@ -1,5 +1,6 @@
-// The frame slot between a decoder and the host's polling, and the reading of webrtcbin's
-// statistics. No peer connection is made.
+// The frame slot between a decoder and the host's polling, the virtual camera's switch, and the
+// reading of webrtcbin's statistics. No peer connection is made.
+#include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 #define GST_USE_UNSTABLE_API
 #include <gst/webrtc/webrtc.h>
@@ -9,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "devices.h"
 #include "media.h"
 
 namespace {
@@ -91,6 +93,59 @@ TEST(FrameSlot, DescriptorsAreReusedNeverFreed) {
   ktengine_frame* huge = other.Start("b/video", KTENGINE_RGB888, 100000, 2);
   EXPECT_NE(huge, first);
   EXPECT_EQ(huge->max_width, 4096);
+}
+
+// The luma of the next picture's top left corner, the sample's caps aside (-1: no picture).
+int NextCornerLuma(GstElement* sink) {
+  GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 5 * GST_SECOND);
+  if (!sample) return -1;
+  GstMapInfo map;
+  int luma = -1;
+  if (gst_buffer_map(gst_sample_get_buffer(sample), &map, GST_MAP_READ)) {
+    luma = map.data[0];
+    gst_buffer_unmap(gst_sample_get_buffer(sample), &map);
+  }
+  gst_sample_unref(sample);
+  return luma;
+}
+
+// Whether a picture with that corner comes within about two seconds: the pattern is drawn twice a
+// second and repeated in between.
+bool CornerBecomes(GstElement* sink, bool (*wanted)(int)) {
+  for (int i = 0; i < 60; ++i) {
+    const int luma = NextCornerLuma(sink);
+    if (luma < 0) return false;
+    if (wanted(luma)) return true;
+  }
+  return false;
+}
+
+bool White(int luma) { return luma > 200; }  // the bars' first bar shows in the corner
+bool Black(int luma) { return luma == 16; }
+
+TEST(VirtualCamera, SwitchesBetweenBarsAndBlackWhileRunning) {
+  ASSERT_TRUE(ktopen::InitMedia(nullptr));
+  GstElement* pipeline = gst_pipeline_new(nullptr);
+  GstElement* camera = ktopen::CreateDeviceElement(ktopen::Device::kCamera, "test-pattern", true);
+  ASSERT_NE(camera, nullptr);
+  GstElement* sink = gst_element_factory_make("appsink", nullptr);
+  GstCaps* caps = gst_caps_from_string("video/x-raw,format=I420,width=64,height=48,framerate=30/1");
+  g_object_set(sink, "caps", caps, "max-buffers", 2, "drop", TRUE, "sync", FALSE, nullptr);
+  gst_caps_unref(caps);
+  gst_bin_add_many(GST_BIN(pipeline), camera, sink, nullptr);
+  ASSERT_TRUE(gst_element_link(camera, sink));
+  ASSERT_NE(gst_element_set_state(pipeline, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+
+  EXPECT_EQ(NextCornerLuma(sink), 16);  // made off: black from the first picture
+  // Switching many times while pictures are drawn must neither crash nor stick.
+  for (int i = 0; i < 200; ++i) ktopen::SetTestPattern(camera, i % 2 == 0);
+  ktopen::SetTestPattern(camera, true);
+  EXPECT_TRUE(CornerBecomes(sink, White));
+  ktopen::SetTestPattern(camera, false);
+  EXPECT_TRUE(CornerBecomes(sink, Black));
+
+  gst_element_set_state(pipeline, GST_STATE_NULL);
+  gst_object_unref(pipeline);
 }
 
 GstStructure* Entry(GstWebRTCStatsType type) {

@@ -1,6 +1,10 @@
 #include "devices.h"
 
+#include <gst/video/video.h>
+
+#include <atomic>
 #include <cstdio>
+#include <cstring>
 
 namespace ktopen {
 
@@ -108,6 +112,34 @@ GstElement* Inner(GstElement* source, const char* name) {
   return inner ? inner : GST_ELEMENT(gst_object_ref(source));
 }
 
+// The virtual camera's switch. The pattern element is never changed while it runs (videotestsrc
+// frees the picture it repeats when its pattern changes, under its streaming thread's feet): a
+// probe on its output paints each picture black instead while the camera is off.
+constexpr const char* kCameraOffKey = "ktopen-camera-off";
+
+GstPadProbeReturn PaintBlack(GstPad* pad, GstPadProbeInfo* info, gpointer off) {
+  if (!static_cast<std::atomic<bool>*>(off)->load(std::memory_order_relaxed)) {
+    return GST_PAD_PROBE_OK;
+  }
+  GstCaps* caps = gst_pad_get_current_caps(pad);
+  GstVideoInfo video;
+  const bool known = caps && gst_video_info_from_caps(&video, caps);
+  if (caps) gst_caps_unref(caps);
+  if (!known || GST_VIDEO_INFO_FORMAT(&video) != GST_VIDEO_FORMAT_I420) return GST_PAD_PROBE_OK;
+  GstBuffer* buffer = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
+  GST_PAD_PROBE_INFO_DATA(info) = buffer;
+  GstVideoFrame frame;
+  if (!gst_video_frame_map(&frame, &video, buffer, GST_MAP_WRITE)) return GST_PAD_PROBE_OK;
+  for (guint plane = 0; plane < 3; ++plane) {
+    const int rows = GST_VIDEO_FRAME_COMP_HEIGHT(&frame, plane);
+    const int stride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane);
+    auto* data = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, plane));
+    std::memset(data, plane == 0 ? 16 : 128, static_cast<size_t>(rows) * stride);
+  }
+  gst_video_frame_unmap(&frame);
+  return GST_PAD_PROBE_OK;
+}
+
 }  // namespace
 
 std::vector<Device> ListDevices(Device::Kind kind) {
@@ -155,25 +187,35 @@ GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool o
   if (kind == Device::kCamera && (id == kTestPatternCamera || off)) {
     // Drawing the bars costs more than encoding them: two pictures a second are drawn (in the
     // encoder's format, at the size asked downstream) and the latest one is repeated at the
-    // camera's rate.
+    // camera's rate. The bars are full height: cheaper to encode than the version with a lower
+    // band.
     GstElement* camera = ParsedBin(
-        "videotestsrc name=pattern is-live=true ! video/x-raw,format=I420,framerate=2/1 ! "
-        "imagefreeze is-live=true allow-replace=true");
-    if (camera) SetTestPattern(camera, !off);
+        "videotestsrc name=pattern is-live=true pattern=smpte100 ! "
+        "video/x-raw,format=I420,framerate=2/1 ! imagefreeze is-live=true allow-replace=true");
+    if (!camera) return nullptr;
+    GstElement* pattern = Inner(camera, "pattern");
+    GstPad* pad = gst_element_get_static_pad(pattern, "src");
+    auto* switched_off = new std::atomic<bool>(off);
+    g_object_set_data(G_OBJECT(pattern), kCameraOffKey, switched_off);
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, PaintBlack, switched_off,
+                      [](gpointer flag) { delete static_cast<std::atomic<bool>*>(flag); });
+    gst_object_unref(pad);
+    gst_object_unref(pattern);
     return camera;
   }
   if (kind == Device::kMicrophone && (id == kTestToneMicrophone || off)) {
     // Made at the encoder's rate and channel count in 20 ms buffers (Opus frames): left to
     // itself the source picks 44.1 kHz, and every buffer is then resampled.
     GstElement* microphone = ParsedBin(
-        "audiotestsrc name=tone is-live=true freq=440 samplesperbuffer=960 ! "
+        "audiotestsrc name=tone is-live=true wave=sine-table freq=440 samplesperbuffer=960 ! "
         "capsfilter caps=audio/x-raw,rate=48000,channels=1");
-    if (microphone) SetTestTone(microphone, !off);
+    if (microphone) SetTestTone(microphone, !off);  // the wave stays: only its volume changes
     return microphone;
   }
   if (kind == Device::kSpeaker && id == kNullSpeaker) {
+    // Nothing is played, so nothing waits for the clock: a wait per packet costs a thread wake-up.
     GstElement* sink = gst_element_factory_make("fakesink", nullptr);
-    if (sink) g_object_set(sink, "sync", TRUE, "async", FALSE, nullptr);
+    if (sink) g_object_set(sink, "sync", FALSE, "async", FALSE, nullptr);
     return sink;
   }
   GstElement* element = nullptr;
@@ -187,14 +229,16 @@ GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool o
 
 void SetTestPattern(GstElement* camera, bool on) {
   GstElement* pattern = Inner(camera, "pattern");
-  gst_util_set_object_arg(G_OBJECT(pattern), "pattern", on ? "smpte" : "black");
+  auto* off = static_cast<std::atomic<bool>*>(g_object_get_data(G_OBJECT(pattern), kCameraOffKey));
+  if (off) off->store(!on, std::memory_order_relaxed);
   gst_object_unref(pattern);
 }
 
 void SetTestTone(GstElement* microphone, bool on) {
   GstElement* tone = Inner(microphone, "tone");
+  // Changing the wave while the source runs races with its streaming thread; the volume is read
+  // once per buffer.
   g_object_set(tone, "volume", on ? 0.3 : 0.0, nullptr);
-  gst_util_set_object_arg(G_OBJECT(tone), "wave", on ? "sine-table" : "silence");
   gst_object_unref(tone);
 }
 

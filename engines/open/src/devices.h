@@ -32,11 +32,11 @@ std::vector<Device> ListDevices(Device::Kind kind);
 bool FindDevice(Device::Kind kind, const std::string& id, Device* device);
 
 // A new source or sink element for the device (floating reference), or nullptr. The virtual
-// camera's pattern is SMPTE bars (a bin with a "src" pad); `off` gives black frames or silence
+// camera's pattern is colour bars (a bin with a "src" pad); `off` gives black frames or silence
 // instead.
 GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool off = false);
 
-// Switches a virtual source made by CreateDeviceElement in place: the camera between the SMPTE
+// Switches a virtual source made by CreateDeviceElement in place: the camera between the colour
 // bars and black, the microphone between the tone and silence.
 void SetTestPattern(GstElement* camera, bool on);
 void SetTestTone(GstElement* microphone, bool on);
