@@ -44,6 +44,7 @@ constexpr auto kJoinLimit = std::chrono::seconds(20);
 constexpr auto kLeaveLimit = std::chrono::seconds(10);
 constexpr int kAnnouncedWidth = 640;  // what remote cameras are announced with (they send that)
 constexpr int kAnnouncedHeight = 480;
+constexpr int kStatisticsEverySeconds = 4;  // how often audio_update_conditions is measured
 
 bool ReadInt(const std::string& text, long low, long high, long* value) {
   if (text.empty() || text.size() > 9) return false;
@@ -155,6 +156,7 @@ class Core {
   std::vector<std::pair<unsigned, std::string>> pending_candidates_;
   std::map<std::string, std::unique_ptr<Remote>> remotes_;
   int ticks_ = 0;
+  std::string conditions_;  // the last audio_update_conditions event, repeated between measurements
   PeerStats last_sent_;
   rusage last_usage_{};
   std::chrono::steady_clock::time_point last_conditions_;
@@ -304,6 +306,7 @@ bool Core::Join(const Target& target, const std::string& display, const std::str
   if (!publisher_->Start(mic, camera, width, height, fps, error)) return false;
   last_conditions_ = std::chrono::steady_clock::now();
   getrusage(RUSAGE_SELF, &last_usage_);
+  conditions_.clear();
 
   for (const RoomPublisher& publisher : AnnouncedPublishers(data)) AddRemote(publisher);
   return true;
@@ -581,6 +584,12 @@ void Core::Tick() {
 }
 
 void Core::Conditions() {
+  // Asking webrtcbin for its statistics is costly (every stream, transport and candidate is
+  // described anew): the figures are measured every few seconds and reported every second.
+  if (ticks_ % (10 * kStatisticsEverySeconds) != 0 && !conditions_.empty()) {
+    Emit(kAudio, conditions_);
+    return;
+  }
   const auto now = std::chrono::steady_clock::now();
   const double seconds =
       std::max(0.001, std::chrono::duration<double>(now - last_conditions_).count());
@@ -614,15 +623,15 @@ void Core::Conditions() {
   const int worst = std::max(down_loss, up_loss);
   const int bars = worst < 1 ? 5 : worst < 3 ? 4 : worst < 8 ? 3 : worst < 15 ? 2 : 1;
   const int latency = static_cast<int>(sent.round_trip_s * 500);  // one way
-  Emit(kAudio, "<event name=\"audio_update_conditions\"><conditions>" +
-                   Tag("received", static_cast<long>(received / seconds)) +
-                   Tag("sent", static_cast<long>(sent_bytes / seconds)) +
-                   Tag("data_bytes_dropped", 0) + Tag("ctrl_bytes_dropped", 0) +
-                   Tag("cpu_usage", cpu) + Tag("bars", bars) + "<upstream loss=\"" +
-                   std::to_string(up_loss) + "\" latency=\"" + std::to_string(latency) +
-                   "\"/><downstream loss=\"" + std::to_string(down_loss) + "\" latency=\"" +
-                   std::to_string(latency + static_cast<int>(jitter * 1000)) +
-                   "\"/></conditions></event>");
+  conditions_ =
+      "<event name=\"audio_update_conditions\"><conditions>" +
+      Tag("received", static_cast<long>(received / seconds)) +
+      Tag("sent", static_cast<long>(sent_bytes / seconds)) + Tag("data_bytes_dropped", 0) +
+      Tag("ctrl_bytes_dropped", 0) + Tag("cpu_usage", cpu) + Tag("bars", bars) +
+      "<upstream loss=\"" + std::to_string(up_loss) + "\" latency=\"" + std::to_string(latency) +
+      "\"/><downstream loss=\"" + std::to_string(down_loss) + "\" latency=\"" +
+      std::to_string(latency + static_cast<int>(jitter * 1000)) + "\"/></conditions></event>";
+  Emit(kAudio, conditions_);
 }
 
 // ---- Commands ----------------------------------------------------------------------------------
