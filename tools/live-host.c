@@ -4,7 +4,8 @@
  * the other participant's video, and counts what arrives from it. Two roles make both sides see the
  * other arrive and leave:
  *   stay    measure, wait for the other to leave and come back, then leave;
- *   rejoin  measure, leave, join again, wait for the other to leave.
+ *   rejoin  measure, stay a little longer (the other's window may have started later), leave,
+ *           join again, wait for the other to leave.
  *
  *   live-host --server HOST --meeting ID --name NAME --uuid UUID --role stay|rejoin
  *             [--window SECONDS] [--snapshot FILE.png]
@@ -25,6 +26,8 @@
 #include "demo_register.h"
 
 #define TEXT 160
+#define LATER_WINDOW_MARGIN_S 4
+#define SNAPSHOT_INTERVAL_S 0.5
 
 static struct {
   pthread_mutex_t lock;
@@ -43,6 +46,7 @@ static struct {
   unsigned long amplitudes; /* amplitude events above zero from the other inside the window */
   unsigned long arrivals, departures;
   int wantSnapshot;
+  double lastCopy; /* when the snapshot's picture was last copied */
   DemoImage last;
 } m;
 
@@ -99,7 +103,12 @@ static void onFrame(const char* id, void* buffer) {
     }
     if (inWindow(t)) {
       ++m.frames;
-      if (m.wantSnapshot) demo_image_copy_frame(&m.last, buffer);
+      /* A picture now and then is enough for the snapshot; copying each would cost a frame's
+       * worth of work every time. */
+      if (m.wantSnapshot && t - m.lastCopy >= SNAPSHOT_INTERVAL_S) {
+        demo_image_copy_frame(&m.last, buffer);
+        m.lastCopy = t;
+      }
     }
   }
   pthread_mutex_unlock(&m.lock);
@@ -160,18 +169,19 @@ static int waitFor(int (*done)(void), double limit) {
     const int ok = done();
     pthread_mutex_unlock(&m.lock);
     if (ok) return 0;
-    pause_ms(20);
+    pause_ms(50); /* each wake-up costs, and nothing here needs to be quicker */
   }
   return -1;
 }
 
+static int never(void) { return 0; }
 static int otherHere(void) { return m.otherPresent; }
 static int otherGone(void) { return !m.otherPresent; }
 static int windowOver(void) { return m.windowStart > 0 && now() - m.windowStart > m.windowSeconds; }
 
-/* The SMPTE bars of the virtual camera (GStreamer's videotestsrc): seven bars of full intensity
- * across the upper two thirds of the picture, white, yellow, cyan, green, magenta, red, blue. The
- * middle of each is compared after the round trip through VP8 (within 48 of 0 or 255). */
+/* The colour bars of the virtual camera (GStreamer's videotestsrc): seven full-height bars of full
+ * intensity, white, yellow, cyan, green, magenta, red, blue. The middle of each, a third of the way
+ * down, is compared after the round trip through VP8 (within 48 of 0 or 255). */
 static int looksLikeTestPattern(const DemoImage* image) {
   static const int bars[7][3] = {{255, 255, 255}, {255, 255, 0}, {0, 255, 255}, {0, 255, 0},
                                  {255, 0, 255},   {255, 0, 0},   {0, 0, 255}};
@@ -242,6 +252,9 @@ int main(int argc, char** argv) {
     pthread_mutex_unlock(&m.lock);
   }
   if (!failed && strcmp(role, "rejoin") == 0) {
+    /* The other's window began at its own first frame, which may have come later than ours: stay
+     * until that window is over too, so that leaving does not cut it short. */
+    waitFor(never, LATER_WINDOW_MARGIN_S);
     exitMeeting();
     pause_ms(1500);
     pthread_mutex_lock(&m.lock);

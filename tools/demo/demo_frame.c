@@ -30,6 +30,10 @@ int demo_image_copy_frame(DemoImage* image, const void* pixelBuffer) {
   for (y = 0; y < height; ++y) {
     const unsigned char* row = frame->data + (size_t)y * stride;
     unsigned char* out = image->pixels + (size_t)y * width * 3;
+    if (frame->format == KTENGINE_RGB888) {
+      memcpy(out, row, (size_t)width * 3);
+      continue;
+    }
     for (x = 0; x < width; ++x, row += bpp, out += 3) {
       if (frame->format == KTENGINE_BGRA8888) {
         out[0] = row[2], out[1] = row[1], out[2] = row[0];
