@@ -10,7 +10,7 @@
 
 int demo_image_copy_frame(DemoImage* image, const void* pixelBuffer) {
   const ktengine_frame* frame = (const ktengine_frame*)pixelBuffer;
-  int x, y, width, height, stride, bpp;
+  int x, y, width, height, stride, bpp, red, blue;
   if (frame == NULL || frame->magic != KTENGINE_FRAME_MAGIC) return -1;
   width = frame->width;
   height = frame->height;
@@ -27,19 +27,19 @@ int demo_image_copy_frame(DemoImage* image, const void* pixelBuffer) {
     image->width = width;
     image->height = height;
   }
+  /* The channel order is the frame's, chosen once: rows already in R, G, B order are copied whole.
+   */
+  red = frame->format == KTENGINE_BGRA8888 ? 2 : 0;
+  blue = 2 - red;
   for (y = 0; y < height; ++y) {
     const unsigned char* row = frame->data + (size_t)y * stride;
     unsigned char* out = image->pixels + (size_t)y * width * 3;
-    if (frame->format == KTENGINE_RGB888) {
+    if (bpp == 3 && red == 0) {
       memcpy(out, row, (size_t)width * 3);
       continue;
     }
     for (x = 0; x < width; ++x, row += bpp, out += 3) {
-      if (frame->format == KTENGINE_BGRA8888) {
-        out[0] = row[2], out[1] = row[1], out[2] = row[0];
-      } else {
-        out[0] = row[0], out[1] = row[1], out[2] = row[2];
-      }
+      out[0] = row[red], out[1] = row[1], out[2] = row[blue];
     }
   }
   return 0;

@@ -56,10 +56,6 @@ class Peer {
   // An offer or answer made and set as the local description; its SDP text, or "" on failure.
   std::string CreateOffer(std::string* error);
   std::string CreateAnswer(std::string* error);
-  // Both: emits signal, takes the description in the reply's field, sets it as the local one and
-  // returns its SDP; failure (into *error) when there is none.
-  std::string CreateDescription(const char* signal, const char* field, const char* failure,
-                                std::string* error);
   // Sets the remote description, keeping only the candidates on the meeting server's address.
   bool SetRemote(const std::string& type, const std::string& sdp, std::string* error);
   // A remote candidate, dropped unless it is on the meeting server's address.
@@ -71,6 +67,10 @@ class Peer {
   Peer(const std::string& local_ip, const std::string& server_ip, PeerEvents events);
   bool Setup(std::string* error);  // creates the pipeline and webrtcbin
   bool Play(std::string* error);
+  // CreateOffer and CreateAnswer: emits signal, takes the description in the reply's field, sets
+  // it as the local one and returns its SDP; failure (into *error) when there is none.
+  std::string CreateDescription(const char* signal, const char* field, const char* failure,
+                                std::string* error);
 
   static void OnNegotiationNeeded(GstElement* webrtc, gpointer self);
   static void OnIceCandidate(GstElement* webrtc, guint mline, gchar* candidate, gpointer self);
