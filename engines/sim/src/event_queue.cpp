@@ -77,6 +77,11 @@ void EventQueue::WaitFor(uint64_t seq) {
   done_.wait(lock, [&] { return CompletedLocked() >= seq || (!running_ && items_.empty()); });
 }
 
+bool EventQueue::Delivered(uint64_t seq) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return CompletedLocked() >= seq || (!running_ && items_.empty());
+}
+
 void EventQueue::Flush() {
   uint64_t last;
   {

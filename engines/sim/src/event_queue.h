@@ -44,6 +44,8 @@ class EventQueue {
   void WaitFor(uint64_t seq);
   // WaitFor the last item queued so far.
   void Flush();
+  // Whether WaitFor(seq) would return at once: the item and everything before it are done.
+  bool Delivered(uint64_t seq) const;
 
   // Drops every queued item (tag 0 means all, else only items with that tag). With `wait`, then
   // waits until no callback is running, unless called on the worker thread.

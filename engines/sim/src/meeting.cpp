@@ -369,8 +369,8 @@ void Meeting::End() {
 
 // ---- Events ----------------------------------------------------------------------------------
 
-void Meeting::Send(ktsim_engine engine, const std::string& xml) {
-  Simulation::Get().queue(engine).PushEvent(xml, tag_);
+uint64_t Meeting::Send(ktsim_engine engine, const std::string& xml) {
+  return Simulation::Get().queue(engine).PushEvent(xml, tag_);
 }
 
 uint32_t Meeting::Rand() { return static_cast<uint32_t>(rng_()); }
@@ -467,8 +467,9 @@ void Meeting::AnnounceVideoLocked(Stream& s) {
 void Meeting::RemoveStreamLocked(const std::string& id, bool announce) {
   auto it = streams_.find(id);
   if (it == streams_.end()) return;
-  if (announce && it->second.announced)
-    Send(KTSIM_VIDEO, StreamEvent("video_stream_removed", id, ""));
+  if (announce && it->second.announced) {
+    video_removal_seq_ = Send(KTSIM_VIDEO, StreamEvent("video_stream_removed", id, ""));
+  }
   if (it->second.frame) frames::Release(it->second.frame);
   streams_.erase(it);
   pending_video_.erase(std::remove(pending_video_.begin(), pending_video_.end(), id),
@@ -481,7 +482,8 @@ void Meeting::DepartLocked(const std::string& email) {
   Bot& bot = it->second;
   RemoveStreamLocked(bot.camera_id, true);
   RemoveStreamLocked(bot.screen_id, true);
-  // The participant's audio ends a moment after its video, as a real client hangs up.
+  // The participant's audio ends a moment after its video, as a real client hangs up, and never
+  // before the video's removal has been delivered on the other engine thread.
   if (bot.audio_announced) pending_audio_removal_.push_back(bot.audio_id);
   if (speaker_ == email) speaker_.clear();
   bots_.erase(it);
@@ -534,10 +536,12 @@ void Meeting::TickLocked(Clock::time_point now) {
     pending_video_.clear();
     return;
   }
-  for (const std::string& id : pending_audio_removal_) {
-    if (audio_connected_) Send(KTSIM_AUDIO, StreamEvent("audio_stream_removed", id, ""));
+  if (Simulation::Get().queue(KTSIM_VIDEO).Delivered(video_removal_seq_)) {
+    for (const std::string& id : pending_audio_removal_) {
+      if (audio_connected_) Send(KTSIM_AUDIO, StreamEvent("audio_stream_removed", id, ""));
+    }
+    pending_audio_removal_.clear();
   }
-  pending_audio_removal_.clear();
   for (const std::string& id : pending_video_) {
     auto it = streams_.find(id);
     if (it != streams_.end() && !it->second.announced) AnnounceVideoLocked(it->second);

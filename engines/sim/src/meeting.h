@@ -130,7 +130,7 @@ class Meeting {
   void TickLocked(Clock::time_point now);
 
   // Events, queued under mutex_ with the meeting's tag.
-  void Send(ktsim_engine engine, const std::string& xml);
+  uint64_t Send(ktsim_engine engine, const std::string& xml);  // the event's queue sequence
   void AnnounceAudioLocked(Bot& bot);
   void AnnounceVideoLocked(Stream& stream);
   void RemoveStreamLocked(const std::string& id, bool announce);
@@ -183,7 +183,8 @@ class Meeting {
   uint64_t arrivals_ = 0;                   // GUARDED_BY(mutex_)
   std::vector<std::string> pending_video_;  // GUARDED_BY(mutex_): announce next tick
   std::vector<std::string> pending_audio_removal_;  // GUARDED_BY(mutex_)
-  std::string speaker_;                             // GUARDED_BY(mutex_): e-mail, "" for silence
+  uint64_t video_removal_seq_ = 0;  // GUARDED_BY(mutex_): the last video_stream_removed queued
+  std::string speaker_;             // GUARDED_BY(mutex_): e-mail, "" for silence
   Clock::time_point start_at_, turn_end_, next_conditions_, next_churn_, next_occasional_;
   int local_burst_ = 0;                  // GUARDED_BY(mutex_)
   std::map<const void*, Sound> sounds_;  // GUARDED_BY(mutex_)
