@@ -111,22 +111,12 @@ void listAudioDevices(const char* member, const char* listName, std::vector<std:
 
 }  // namespace
 
-namespace {
-std::atomic<Convoke*> gSession{nullptr};
-}  // namespace
-
 Convoke* Convoke::sharedInstance() {
   // Created once, never destroyed: engine and timer threads may still use it while the process
   // exits.
-  static Convoke* const instance = [] {
-    Convoke* session = new Convoke();
-    gSession.store(session, std::memory_order_release);
-    return session;
-  }();
+  static Convoke* const instance = new Convoke();
   return instance;
 }
-
-Convoke* Convoke::existingInstance() { return gSession.load(std::memory_order_acquire); }
 
 Convoke::Convoke() {
   AudioSetCallback(audioCallback);

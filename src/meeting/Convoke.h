@@ -28,8 +28,6 @@ class Convoke {
  public:
   // The session, created on first use (which binds the engines' event callbacks); never destroyed.
   static Convoke* sharedInstance();
-  // The session if sharedInstance has created it, else null; never creates it.
-  static Convoke* existingInstance();
 
   Convoke(const Convoke&) = delete;
   Convoke& operator=(const Convoke&) = delete;

@@ -11,10 +11,11 @@ namespace {
 template <class Line>
 void deliver(unsigned int level, const Line& line) noexcept {
   try {
-    // Logging never creates the session (which would bind the engines as a side effect): before
-    // the session exists there is no delegate to hear the line.
-    const Telmora::Convoke* session = Telmora::Convoke::existingInstance();
-    if (session == nullptr) return;
+    // The first line creates the session when it does not exist yet, on purpose: creating it
+    // hands the engines their event callbacks (audio first, then video), so a host whose first
+    // call is a log line, or an engine that traces before any other call, finds them bound. The
+    // session's constructor logs nothing, so this cannot recurse into its own creation.
+    const Telmora::Convoke* session = Telmora::Convoke::sharedInstance();
     MeetingDelegate* delegate = session->delegate.load();
     if (delegate == nullptr) return;
     delegate->logMessage(level, line());

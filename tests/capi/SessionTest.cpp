@@ -1,7 +1,11 @@
 // Joining and leaving, the last-error text, the callback table and tracing, through the C API.
+#include <cstdio>
+#include <cstdlib>
 #include <regex>
 
 #include "Harness.h"
+
+extern "C" void loggingCallback(unsigned int level, const char* text);
 
 namespace convoke_test {
 namespace {
@@ -198,6 +202,24 @@ TEST_F(SessionTest, TraceCallsReachTheEnginesInOrder) {
                          }));
   EXPECT_EQ(ktsim_trace_level(KTSIM_AUDIO), 5);
   EXPECT_EQ(ktsim_trace_level(KTSIM_VIDEO), 6);
+}
+
+// The first log line creates the session, and creating it hands the engines their event
+// callbacks, audio first. It runs in a fresh process, where nothing has created the session yet.
+TEST(SessionCreation, TheFirstLogLineBindsTheEngines) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        ktsim_log_clear();
+        loggingCallback(6, "the first line");
+        const std::vector<std::string> log = engineLog();
+        for (const std::string& entry : log)
+          std::fprintf(stderr, "engine call: %s\n", entry.c_str());
+        std::_Exit(log == std::vector<std::string>{"AudioSetCallback\tset", "VideoSetCallback\tset"}
+                       ? 0
+                       : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
