@@ -1,7 +1,9 @@
 #include "meeting/VideoTimerTask.h"
 
 #include <chrono>
+#include <map>
 #include <sstream>
+#include <vector>
 
 #include "meeting/Convoke.h"
 #include "meeting/EngineApi.h"
@@ -16,6 +18,107 @@ constexpr std::chrono::milliseconds kPollPeriod(33);
 constexpr std::chrono::seconds kStopWait(2);
 
 std::atomic<int> gRunningThreads{0};
+
+using StatePtr = std::shared_ptr<VideoTimerTask::State>;
+
+// Owns the worker threads: every thread that has not been joined is either live (in `live_`, with
+// the state it works on) or ended (in `ended_`, waiting for its join). A thread moves itself from
+// the first to the second as its very last step, so joining an ended thread never waits for work.
+// Thread-safe; mutex_ is taken after a State's mutex, never before it.
+class ThreadOwner {
+ public:
+  // Created on the first thread start, after every static of the library, so it is destroyed
+  // before them: the threads it stops at exit still find the delegate and the session intact.
+  static ThreadOwner& instance() {
+    static ThreadOwner owner;
+    return owner;
+  }
+
+  // Starts a worker thread for `state`; joins the threads that have ended meanwhile.
+  template <class Body>
+  void start(const StatePtr& state, Body body) {
+    std::vector<std::thread> ended;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      std::thread thread(std::move(body));
+      const std::thread::id id = thread.get_id();
+      if (closed_) {
+        thread.detach();  // the process is ending: nothing is left to join it
+      } else {
+        live_.emplace(id, Live{std::move(thread), state});
+      }
+      ended.swap(ended_);
+    }
+    joinAll(ended);
+  }
+
+  // The calling worker thread's last step.
+  void ended() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = live_.find(std::this_thread::get_id());
+    if (it == live_.end()) return;  // started while the process ended: detached
+    ended_.push_back(std::move(it->second.thread));
+    live_.erase(it);
+    changed_.notify_all();
+  }
+
+  // Cuts the stop wait of the stopped tasks' threads (every thread's, with stopAll), waits until
+  // none of them is left, then joins every ended thread.
+  void drain(bool stopAll, std::chrono::milliseconds limit) {
+    std::vector<StatePtr> states;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      for (auto& entry : live_) states.push_back(entry.second.state);
+    }
+    for (const StatePtr& state : states) state->cutStopWait(stopAll);
+    std::vector<std::thread> ended;
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      changed_.wait_for(lock, limit, [this] { return !anyCutThreadLive(); });
+      ended.swap(ended_);
+    }
+    joinAll(ended);
+  }
+
+ private:
+  struct Live {
+    std::thread thread;
+    StatePtr state;
+  };
+
+  ThreadOwner() = default;
+  // At exit every task stops and its thread ends at once; a thread that is still inside a frame
+  // callback after the bound (or is the one running exit) is left to the process's end.
+  ~ThreadOwner() {
+    drain(true, kStopWait);
+    std::lock_guard<std::mutex> lock(mutex_);
+    closed_ = true;
+    for (auto& entry : live_) entry.second.thread.detach();
+    live_.clear();
+  }
+
+  // REQUIRES: mutex_ held. A thread whose wait was cut and that has neither ended nor been
+  // re-armed; the calling thread itself never counts (exit may run on a worker thread).
+  bool anyCutThreadLive() const {
+    for (const auto& entry : live_) {
+      if (entry.first == std::this_thread::get_id()) continue;
+      const State& state = *entry.second.state;
+      if (state.cutWait.load() && state.stopped.load()) return true;
+    }
+    return false;
+  }
+
+  static void joinAll(std::vector<std::thread>& threads) {
+    for (std::thread& thread : threads) thread.join();
+  }
+
+  using State = VideoTimerTask::State;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::map<std::thread::id, Live> live_;  // guarded by mutex_
+  std::vector<std::thread> ended_;        // guarded by mutex_
+  bool closed_ = false;                   // guarded by mutex_
+};
 
 }  // namespace
 
@@ -34,6 +137,15 @@ void VideoTimerTask::State::awaitNoCallback() {
 void VideoTimerTask::State::stopAndWait() {
   requestStop();
   awaitNoCallback();
+}
+
+void VideoTimerTask::State::cutStopWait(bool stopFirst) {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (stopFirst) stopped.store(true);
+    if (stopped.load()) cutWait.store(true);
+  }
+  changed.notify_all();
 }
 
 VideoTimerTask::VideoTimerTask() : VideoTimerTask(std::string(), 0) {}
@@ -55,9 +167,15 @@ VideoTimerTask::VideoTimerTask(const VideoTimerTask& other)
 
 int VideoTimerTask::runningThreads() { return gRunningThreads.load(); }
 
+int VideoTimerTask::drainStoppedThreads(int limitMs) {
+  ThreadOwner::instance().drain(false, std::chrono::milliseconds(limitMs));
+  return gRunningThreads.load();
+}
+
 void VideoTimerTask::run() {
   std::lock_guard<std::mutex> lock(state_->mutex);
   state_->stopped.store(false);
+  state_->cutWait.store(false);
   if (state_->threadAlive) {
     // The thread still polls or waits after a stop: re-arm it instead of starting another.
     state_->changed.notify_all();
@@ -65,13 +183,16 @@ void VideoTimerTask::run() {
   }
   gRunningThreads.fetch_add(1);
   try {
-    thread = std::thread(&VideoTimerTask::loop, state_, meeting, videoEvents);
+    ThreadOwner::instance().start(state_,
+                                  [state = state_, meeting = meeting, videoEvents = videoEvents] {
+                                    loop(state, meeting, videoEvents);
+                                    ThreadOwner::instance().ended();
+                                  });
   } catch (...) {
     gRunningThreads.fetch_sub(1);
     throw;
   }
   state_->threadAlive = true;
-  thread.detach();
 }
 
 void VideoTimerTask::stop() {
@@ -87,13 +208,13 @@ void VideoTimerTask::loop(std::shared_ptr<State> state, Convoke* meeting,
       if (poll(state, meeting, videoEvents)) state->requestStop();
       logLine("Convoke: TimerTask: Stopped for streamID " + state->streamId);
       std::unique_lock<std::mutex> lock(state->mutex);
-      // Wait out the stop; a run() in the meantime re-arms this thread.
-      if (!state->changed.wait_for(lock, kStopWait, [&] { return !state->stopped.load(); })) {
-        break;
-      }
+      // Wait out the stop; a run() in the meantime re-arms this thread, a drain ends the wait.
+      state->changed.wait_for(lock, kStopWait,
+                              [&] { return !state->stopped.load() || state->cutWait.load(); });
+      if (state->stopped.load()) break;
     }
   } catch (...) {
-    // Nothing may escape a detached thread; the task simply ends.
+    // Nothing may escape a worker thread; the task simply ends.
   }
   {
     std::lock_guard<std::mutex> lock(state->mutex);

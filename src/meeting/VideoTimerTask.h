@@ -16,8 +16,14 @@
 // task object and its thread, so the task may be erased from its map right after a stop while the
 // thread is still sleeping. State is the truth for everything a thread does: the public
 // pixelBuffer and streamId fields are copies of the same values kept for readers of the task
-// object, and the public `thread` is never joinable (it is detached at once). No lock of the task
-// is held while the engine or the delegate runs.
+// object. No lock of the task is held while the engine or the delegate runs.
+//
+// Thread ownership: the public `thread` is never joinable. Every worker thread belongs to one
+// owner inside the library instead of being detached: a thread that has ended is joined by the
+// next run() that starts a thread, or by drainStoppedThreads(). At process exit the owner stops
+// every task, ends the stop waits at once and joins the threads (waiting at most about 2 s for a
+// frame callback in progress), so no timer thread runs library code while the process ends.
+// exitMeeting and the stops never wait for a thread's 2-second stop wait.
 #ifndef CONVOKE_MEETING_VIDEOTIMERTASK_H
 #define CONVOKE_MEETING_VIDEOTIMERTASK_H
 
@@ -53,6 +59,12 @@ class VideoTimerTask {
     void stopAndWait();
     // Waits for a frame callback in progress on another thread to return.
     void awaitNoCallback();
+    // When the task is stopped (after stopping it, with `stopFirst`), ends its thread's stop wait
+    // now: the thread ends instead of waiting to be re-armed. A later run() clears it.
+    void cutStopWait(bool stopFirst);
+
+    // Set by cutStopWait, cleared by run(); written under the mutex.
+    std::atomic<bool> cutWait{false};
 
    private:
     friend class VideoTimerTask;
@@ -85,6 +97,11 @@ class VideoTimerTask {
 
   // Number of worker threads that have not ended yet (for tests and orderly shutdown).
   static int runningThreads();
+  // Ends the stop wait of every stopped task's thread now and joins every thread that has ended;
+  // threads of tasks that are not stopped go on polling. Returns when none of the stopped tasks'
+  // threads is left, or after `limitMs` (a frame callback that does not return); returns the number
+  // of worker threads still running. For tests, fuzz targets and orderly shutdown.
+  static int drainStoppedThreads(int limitMs = 10000);
 
   uint64_t pixelBuffer;
   std::string streamId;

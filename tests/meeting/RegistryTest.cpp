@@ -4,6 +4,7 @@
 #include <atomic>
 #include <thread>
 
+#include "common/WaitUntil.h"
 #include "meeting/Participant.h"
 #include "meeting/Registry.h"
 
@@ -85,9 +86,12 @@ TEST(Registry, SnapshotsStayValidWhileTheRegistryChanges) {
   EXPECT_EQ(before->videoInfos.at("v1").width, 0);
 }
 
+// Every update is followed by at least one whole lookup that began after it, while the reader
+// keeps looking up during the next update: the two threads interleave on any machine.
 TEST(Registry, ConcurrentUpdatesAndLookupsAreSafe) {
   Registry registry;
   std::atomic<bool> done{false};
+  std::atomic<int> lookups{0};
   std::atomic<int> hits{0};
   std::atomic<int> inconsistent{0};
   std::thread reader([&] {
@@ -105,11 +109,13 @@ TEST(Registry, ConcurrentUpdatesAndLookupsAreSafe) {
       if (registry.findByVideoStreamId("v1", video) && video.audioInfo.streamId != "a1") {
         inconsistent.fetch_add(1);
       }
+      lookups.fetch_add(1);
     }
   });
   // Seven keys, each inserted and erased in turn; present[] follows what the registry must hold.
   int present[7] = {0};
-  for (int i = 0; i < 2000; ++i) {
+  bool interleaved = true;
+  for (int i = 0; i < 2000 && interleaved; ++i) {
     const std::string key = "p" + std::to_string(i % 7);
     const bool inserted = registry.update([&](Registry::Editor& e) {
       if (e.insert(key, withStreams(key, "a1", {"v1"}))) return true;
@@ -117,10 +123,15 @@ TEST(Registry, ConcurrentUpdatesAndLookupsAreSafe) {
       return false;
     });
     present[i % 7] = inserted ? 1 : 0;
+    // The lookup in progress may have begun before the update; the one after it cannot.
+    const int seen = lookups.load();
+    interleaved = convoke_test_support::waitUntil([&] { return lookups.load() >= seen + 2; });
   }
   done.store(true);
   reader.join();
+  ASSERT_TRUE(interleaved) << "the reader stopped looking up";
   EXPECT_EQ(inconsistent.load(), 0);
+  // The first update inserts p0 with stream a1, and a whole lookup follows it.
   EXPECT_GT(hits.load(), 0);
   std::size_t expected = 0;
   for (int k = 0; k < 7; ++k) {
