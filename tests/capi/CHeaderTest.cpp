@@ -3,11 +3,21 @@
 
 #include <gtest/gtest.h>
 
+#include <type_traits>
+
 extern "C" int convoke_c_header_check(void);
 
-TEST(CHeader, CompilesAsC99AndAsPedanticCxx) {
-  EXPECT_EQ(convoke_c_header_check(), 18 + 8);
-  // The C++-linkage entry points are declared for C++ hosts.
-  void (*free_array)(char**, unsigned short) = freeStringArray;
-  EXPECT_NE(free_array, nullptr);
-}
+// The C++-linkage entry points are declared for C++ hosts with exactly the parameter types that
+// their exported symbols carry.
+static_assert(std::is_same<decltype(&freeStringArray), void (*)(char**, unsigned short)>::value,
+              "freeStringArray(char**, unsigned short)");
+static_assert(std::is_same<decltype(&enableInlineAudioVideoLogging), void (*)(bool)>::value,
+              "enableInlineAudioVideoLogging(bool)");
+static_assert(std::is_same<decltype(&findParticipantByVideoStreamId),
+                           void (*)(const char*, char*, unsigned short)>::value,
+              "findParticipantByVideoStreamId(const char*, char*, unsigned short)");
+static_assert(std::is_same<decltype(&findParticipantByAudioStreamId),
+                           void (*)(const char*, char*, unsigned short)>::value,
+              "findParticipantByAudioStreamId(const char*, char*, unsigned short)");
+
+TEST(CHeader, CompilesAsC99AndAsPedanticCxx) { EXPECT_EQ(convoke_c_header_check(), 18 + 8); }

@@ -102,14 +102,16 @@ TEST(Event, StringFormJoinsAddressTimesAndType) {
   snprintf(address, sizeof(address), "%p", static_cast<void*>(&readEvent));
   EXPECT_EQ(text, std::string(address) + ", 0, 4294967295, SocketReadEvent");
 
-  TimerEvent soon(250);
+  // The earliest and latest times of a timer are both its time left, read one after the other
+  // (a busy machine may pause between the two reads, never for seconds).
+  TimerEvent soon(100000);
   const std::string soonText = soon;
   std::smatch match;
   ASSERT_TRUE(
       std::regex_match(soonText, match, std::regex("0x[0-9a-f]+, (\\d+), (\\d+), TimerEvent")));
-  EXPECT_LE(std::stoul(match[1]), 250u);
-  EXPECT_GE(std::stoul(match[1]), 150u);
-  EXPECT_LE(std::stoul(match[2]) - std::stoul(match[1]), 1u);  // read one after the other
+  EXPECT_LE(std::stoul(match[1]), 100000u);
+  EXPECT_GE(std::stoul(match[1]), 90000u);
+  EXPECT_LE(std::stoul(match[2]), std::stoul(match[1]));
 }
 
 TEST(AsyncEvent, SignalNotifiesTheDispatcherOnChangesOnly) {
@@ -141,8 +143,14 @@ TEST(TimerEvent, CountsDownAndStaysDueUntilReset) {
   EXPECT_LE(timer.Time(), 40u);
   kt::__os_Sleep(60);
   EXPECT_TRUE(timer.Poll()) << "a due timer stays due";
-  timer.Reset(false);  // restarts from now
-  EXPECT_GE(timer.Time(), 30u);
+  {
+    // Restarts from now: however long the machine pauses between the reset and the reads, the
+    // time left and the time since the reset add up to the interval.
+    Timer sinceReset(true);
+    timer.Reset(false);
+    const unsigned left = timer.Time();
+    EXPECT_GE(left + sinceReset.Time(), 39u);
+  }
 
   // A new interval applies to the running timer.
   CountingDispatch dispatch;
@@ -158,18 +166,23 @@ TEST(TimerEvent, CountsDownAndStaysDueUntilReset) {
 }
 
 TEST(TimerEvent, PeriodicResetsMoveTheDuePointByWholeIntervals) {
-  Timer clock(true);  // started no later than the event's own timer
+  Timer olderClock(true);  // started no later than the event's own timer
   TimerEvent timer(100);
+  Timer youngerClock(true);  // started no earlier
   kt::__os_Sleep(130);
   ASSERT_TRUE(timer.Poll());
   timer.Reset(true);
   timer.Reset(true);
   timer.Reset(true);
-  // Due 400 ms after creation, however late the resets came.
+  // Due 400 ms after creation, however late the resets came. The timer's age lies between the two
+  // clocks: the younger one is read before the timer, the older one after it.
+  const unsigned youngerAge = youngerClock.Time();
   const unsigned left = timer.Time();
-  const unsigned elapsed = clock.Time();
-  EXPECT_GE(left + elapsed, 400u);
-  EXPECT_LE(left + elapsed, 402u);
+  const unsigned olderAge = olderClock.Time();
+  EXPECT_GE(left + olderAge, 400u);
+  if (left > 0) {  // not yet due again (a very busy machine may have slept past it)
+    EXPECT_LE(left + youngerAge, 401u);
+  }
 }
 
 TEST(SocketEvent, PollReportsReadinessOfTheDescriptor) {
@@ -226,7 +239,7 @@ TEST(EventWait, OneEventByDescriptorsOrByPolling) {
   SocketReadEvent readable(pair.fd[0]);
   long long start = NowMs();
   EXPECT_FALSE(readable.Wait(40));
-  EXPECT_GE(NowMs() - start, 39);
+  EXPECT_GE(NowMs() - start, 38);
   std::thread writer([&pair] {
     kt::__os_Sleep(30);
     pair.Send();
@@ -235,11 +248,11 @@ TEST(EventWait, OneEventByDescriptorsOrByPolling) {
   writer.join();
 
   // Polled: sleeps until the earliest time, but never less than 10 ms.
-  TimerEvent timer(60);
   start = NowMs();
+  TimerEvent timer(60);
   EXPECT_TRUE(timer.Wait(5000));
-  EXPECT_GE(NowMs() - start, 55);
-  EXPECT_LT(NowMs() - start, 2000);
+  EXPECT_GE(NowMs() - start, 58);
+  EXPECT_LT(NowMs() - start, 5000);
   TimerEvent soon(3);
   start = NowMs();
   EXPECT_TRUE(soon.Wait(kInf));
@@ -251,15 +264,14 @@ TEST(EventWait, OneEventByDescriptorsOrByPolling) {
 }
 
 TEST(EventWait, AsyncEventSignalledFromAnotherThread) {
-  AsyncEvent event;
-  std::thread signaller([&event] {
-    kt::__os_Sleep(20);
-    event.Signal(true);
-  });
   // Unsignalled, the event has no earliest time: the wait sleeps out its timeout, then polls.
+  AsyncEvent event;
   const long long start = NowMs();
-  EXPECT_TRUE(event.Wait(150));
-  EXPECT_GE(NowMs() - start, 100);
+  EXPECT_FALSE(event.Wait(100));
+  EXPECT_GE(NowMs() - start, 99);
+  // A signal from another thread, before the wait or during its sleep, is seen by its last poll.
+  std::thread signaller([&event] { event.Signal(true); });
+  EXPECT_TRUE(event.Wait(2000));
   signaller.join();
 }
 
@@ -279,12 +291,12 @@ TEST(EventWaitMany, ReportsSignalledEventsDescriptorsFirst) {
   EXPECT_EQ(signalled[1], &async);
 
   // Polled events only: the first one due ends the wait.
+  const long long start = NowMs();
   TimerEvent later(40);
   Event* polled[] = {&never, &later};
-  const long long start = NowMs();
   EXPECT_EQ(Event::Wait(2, polled, signalled, 5000), 1);
   EXPECT_EQ(signalled[0], &later);
-  EXPECT_GE(NowMs() - start, 35);
+  EXPECT_GE(NowMs() - start, 38);
 }
 
 TEST(EventWaitMany, TimesOutWithNothingSignalled) {
@@ -292,7 +304,7 @@ TEST(EventWaitMany, TimesOutWithNothingSignalled) {
   Event* none[] = {nullptr};
   long long start = NowMs();
   EXPECT_EQ(Event::Wait(1, none, nullptr, 0), 0);
-  EXPECT_LT(NowMs() - start, 50);
+  EXPECT_LT(NowMs() - start, 1000);
   EXPECT_EQ(Event::Wait(0, nullptr, nullptr, 30), 0);
   EXPECT_GE(NowMs() - start, 29);
 
@@ -307,7 +319,7 @@ TEST(EventWaitMany, TimesOutWithNothingSignalled) {
   // Polled events with a timeout of 0 are polled once, without sleeping.
   start = NowMs();
   EXPECT_EQ(Event::Wait(1, events, nullptr, 0), 0);
-  EXPECT_LT(NowMs() - start, 50);
+  EXPECT_LT(NowMs() - start, 1000);
 }
 
 TEST(EventWaitMany, DescriptorSetsAreNotRebuiltBetweenRounds) {

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/WaitUntil.h"
 #include "kt/MemoryManager.h"
 
 namespace {
@@ -189,7 +190,13 @@ TEST(MemoryManager, LeakReportShowsHeaderAndBytesInRowsOf64) {
            << "\n  a." << std::string(62, 'a') << "\n  aaaaaz\n";
   EXPECT_EQ(m->LeakReport(), expected.str());
   EXPECT_EQ(m->Summary(), "Used 70 bytes\n\nleak:42 1 record 70 byte(s)\n\n");
-  m->PrintLeaks();  // formats and discards
+  // PrintLeaks formats the same report and sends it nowhere; the records stay as they were.
+  ::testing::internal::CaptureStdout();
+  ::testing::internal::CaptureStderr();
+  m->PrintLeaks();
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(m->LeakReport(), expected.str());
   m->Free(p, "", 0);
 }
 
@@ -211,9 +218,22 @@ TEST(MemoryManager, TwoThreadsAllocatingAndFreeingKeepTheAccounts) {
   MemoryManager* m = MemoryManager::Instance();
   const std::size_t before = m->Count();
   constexpr int kRounds = 20000;
-  auto worker = [m](int id, std::vector<void*>* kept) {
+  constexpr int kStride = 500;
+  // The workers go in step: neither gets more than two strides ahead of the other, so their
+  // allocations and releases interleave however the threads are scheduled.
+  std::atomic<int> progress[2] = {{0}, {0}};
+  bool inStep = true;
+  auto worker = [&, m](int id, std::vector<void*>* kept) {
     std::vector<void*> live;
+    std::atomic<int>& mine = progress[id - 1];
+    std::atomic<int>& other = progress[2 - id];
     for (int i = 0; i < kRounds; ++i) {
+      if (i % kStride == 0) {
+        mine.store(i);
+        if (!convoke_test_support::waitUntil([&] { return other.load() >= i - kStride; })) {
+          inStep = false;
+        }
+      }
       live.push_back(m->Allocate(static_cast<std::size_t>(i % 50), "thread", id));
       if (i % 3 != 0) {
         m->Free(live.back(), "", 0);
@@ -224,6 +244,7 @@ TEST(MemoryManager, TwoThreadsAllocatingAndFreeingKeepTheAccounts) {
         live.erase(live.begin());
       }
     }
+    mine.store(kRounds);
     *kept = live;
   };
   std::vector<void*> keptA, keptB;
@@ -231,6 +252,7 @@ TEST(MemoryManager, TwoThreadsAllocatingAndFreeingKeepTheAccounts) {
   std::thread b(worker, 2, &keptB);
   a.join();
   b.join();
+  EXPECT_TRUE(inStep) << "a worker stopped making progress";
 
   EXPECT_EQ(m->Count(), before + keptA.size() + keptB.size());
   std::set<MemoryManager::Record*> listed;
@@ -320,11 +342,17 @@ TEST(MemoryManager, ConcurrentReportsAndCrossThreadReleasesKeepTheAccounts) {
   std::mutex passedMutex;
   std::vector<void*> passed;  // blocks one worker allocated for the other to release
   std::atomic<int> running{2};
-  std::atomic<bool> go{false};
+  std::atomic<std::size_t> reports{0};
+  bool overlapped = true;
   auto worker = [&](int id) {
-    // Both start once the reports do, so that the two overlap however fast the workers are.
-    while (!go.load()) std::this_thread::yield();
+    const std::size_t reportsAtStart = reports.load();
     for (int i = 0; i < kRounds; ++i) {
+      // Halfway, a whole report made while this worker runs has to have happened: the reports
+      // and the releases overlap however fast either side is.
+      if (i == kRounds / 2 &&
+          !convoke_test_support::waitUntil([&] { return reports.load() >= reportsAtStart + 2; })) {
+        overlapped = false;
+      }
       void* own = m->Allocate(static_cast<std::size_t>(48 + i % 64), "cross", id);
       void* theirs = nullptr;
       {
@@ -343,18 +371,16 @@ TEST(MemoryManager, ConcurrentReportsAndCrossThreadReleasesKeepTheAccounts) {
   };
   std::thread a(worker, 1);
   std::thread b(worker, 2);
-  std::size_t reports = 0;
-  go.store(true);
   do {
     const std::size_t count = m->Count();
     EXPECT_GE(count, before);
     EXPECT_LE(count, before + 2 + kRounds);
     EXPECT_EQ(m->Summary().rfind("Used ", 0), 0u);
-    ++reports;
+    reports.fetch_add(1);
   } while (running.load() != 0);
   a.join();
   b.join();
-  EXPECT_GT(reports, 0u);
+  EXPECT_TRUE(overlapped) << "no report ran while a worker did";
   EXPECT_EQ(m->Count(), before + passed.size());
   EXPECT_EQ(Walk(m->Gather()).size(), m->Count());
   for (void* p : passed) m->Free(p, "", 0);

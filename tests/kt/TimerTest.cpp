@@ -47,8 +47,10 @@ TEST(Timer, PausedIntervalsDoNotCount) {
 
   kt::__os_Sleep(100);
   EXPECT_EQ(timer.Time(), atStop);
+  Timer sinceRestart(true);  // started before the restart, read after the timer
   EXPECT_EQ(timer.Start(), atStop);
-  EXPECT_LT(timer.Time(), atStop + 90) << "the 100 ms pause was counted";
+  const unsigned afterRestart = timer.Time();
+  EXPECT_LE(afterRestart, atStop + sinceRestart.Time() + 1) << "the 100 ms pause was counted";
 
   // Start on a running timer reports the elapsed time and does not restart it.
   kt::__os_Sleep(30);
