@@ -3,7 +3,10 @@
 // or begins, even when one was running on the stream's timer thread at the time.
 #include <atomic>
 
+#include <string>
+
 #include "Harness.h"
+#include "common/WaitUntil.h"
 
 namespace convoke_test {
 namespace {
@@ -12,9 +15,15 @@ using namespace std::chrono_literals;
 
 std::atomic<int> gInside{0};
 std::atomic<int> gFrames{0};
+std::atomic<int> gWitnessFrames{0};
 std::atomic<bool> gSlow{false};
 
-void slowFrame(const char*, void*) {
+// Frames of v1 are slow while gSlow is set; a witness stream's frames only count.
+void slowFrame(const char* id, void*) {
+  if (std::string(id) != "v1") {
+    gWitnessFrames.fetch_add(1);
+    return;
+  }
   gInside.fetch_add(1);
   gFrames.fetch_add(1);
   if (gSlow.load()) std::this_thread::sleep_for(150ms);
@@ -38,17 +47,20 @@ class FrameBarrierTest : public HostTest {
         "<event name=\"video_stream_buffer_ready\"><stream id=\"v1\" pixel_buffer=\"3\"/></event>");
   }
   // Waits until a frame callback is running, then calls `leave` from this thread and checks that
-  // none runs at its return nor begins during the next 200 ms.
+  // none runs at its return nor begins while a witness stream's poller takes three more turns.
   void expectBarrier(void (*leave)()) {
-    const auto until = std::chrono::steady_clock::now() + 3s;
-    while (gInside.load() == 0 && std::chrono::steady_clock::now() < until) {
-      std::this_thread::sleep_for(1ms);
-    }
+    ASSERT_TRUE(convoke_test_support::waitUntil([] { return gInside.load() != 0; }));
     ASSERT_EQ(gInside.load(), 1);
     leave();
     EXPECT_EQ(gInside.load(), 0);
     const int frames = gFrames.load();
-    std::this_thread::sleep_for(200ms);
+    ktsim_set_frame_ready("witness", 1);
+    videoEvent(
+        "<event name=\"video_stream_buffer_ready\"><stream id=\"witness\" pixel_buffer=\"1\"/>"
+        "</event>");
+    const int witnessed = gWitnessFrames.load();
+    ASSERT_TRUE(
+        convoke_test_support::waitUntil([&] { return gWitnessFrames.load() >= witnessed + 3; }));
     EXPECT_EQ(gFrames.load(), frames);
   }
 };
@@ -66,13 +78,9 @@ TEST_F(FrameBarrierTest, ExitDisableAndPauseWaitForTheRunningFrameCallback) {
   expectBarrier([] { pauseVideoFrameProcessing("v1"); });
   // A resume starts the frames again; fast callbacks stop at once.
   gSlow.store(false);
-  resumeVideoFrameProcessing("v1");
-  const auto until = std::chrono::steady_clock::now() + 3s;
   const int frames = gFrames.load();
-  while (gFrames.load() == frames && std::chrono::steady_clock::now() < until) {
-    std::this_thread::sleep_for(1ms);
-  }
-  EXPECT_GT(gFrames.load(), frames);
+  resumeVideoFrameProcessing("v1");
+  EXPECT_TRUE(convoke_test_support::waitUntil([&] { return gFrames.load() > frames; }));
 }
 
 }  // namespace

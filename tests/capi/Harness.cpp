@@ -160,6 +160,16 @@ bool join(const std::string& uuid, const std::string& key) {
   return gLastCompletion.load();
 }
 
+void letFramePollersTurn(std::size_t turns) {
+  ktsim_set_frame_ready("witness", 1);
+  videoEvent(
+      "<event name=\"video_stream_buffer_ready\"><stream id=\"witness\" pixel_buffer=\"1\"/>"
+      "</event>");
+  const std::string prefix = "videoFrameReady:witness:";
+  const std::size_t before = Recorder::instance().matching(prefix).size();
+  ASSERT_TRUE(Recorder::instance().waitFor(prefix, before + turns));
+}
+
 int completionCalls() { return gCompletions.load(); }
 bool lastCompletion() { return gLastCompletion.load(); }
 

@@ -24,9 +24,10 @@ class Recorder {
   void add(std::string line);
   std::vector<std::string> lines() const;
   std::vector<std::string> matching(const std::string& prefix) const;
-  // Waits up to `timeout` for at least `count` lines starting with prefix.
+  // Waits up to `timeout` (generous: only a broken run reaches it) for at least `count` lines
+  // starting with prefix.
   bool waitFor(const std::string& prefix, std::size_t count,
-               std::chrono::milliseconds timeout = std::chrono::milliseconds(3000));
+               std::chrono::milliseconds timeout = std::chrono::milliseconds(10000));
   void clear();
 
  private:
@@ -52,6 +53,11 @@ std::string audioSiteChanged(const std::string& streamId, const std::string& sit
 std::string videoSiteChanged(const std::string& streamId, const std::string& email,
                              const std::string& name, bool local, int width, int height,
                              const std::string& extra = "");
+
+// Lets every frame poller take a few more turns: a witness stream, polled like the others,
+// reports `turns` more frames through the recording callback. A stream whose poller still ran has
+// had the same chances to report a frame meanwhile.
+void letFramePollersTurn(std::size_t turns = 3);
 
 // Joins "srv"/"room" as "Ann" with the given participant UUID; returns the completion's result.
 bool join(const std::string& uuid = "ann@example.com", const std::string& key = "key");

@@ -7,11 +7,10 @@
 #include <map>
 
 #include "Harness.h"
+#include "common/WaitUntil.h"
 
 namespace convoke_test {
 namespace {
-
-using namespace std::chrono_literals;
 
 class ThreadResultsTest : public HostTest {
  protected:
@@ -73,22 +72,30 @@ TEST_F(ThreadResultsTest, QueryTextsSurviveAnotherThreadsQueries) {
 TEST_F(ThreadResultsTest, TwoHostThreadsQueryAtOnceAndEachKeepsItsOwnAnswers) {
   meet();
   std::atomic<int> wrong{0};
-  auto worker = [&](const char* uuid, const char* expected, const char* stream,
+  // The two threads go in step: each query of one falls between two queries of the other and the
+  // reading of its answers, however the threads are scheduled.
+  std::atomic<int> rounds[2] = {{0}, {0}};
+  std::atomic<bool> inStep{true};
+  auto worker = [&](int me, const char* uuid, const char* expected, const char* stream,
                     const char* streamName) {
     for (int i = 0; i < 2000; ++i) {
       const char* site = nullptr;
       const char* name = nullptr;
       getParticipantString(uuid, InfoKeySite, &site);
       getVideoInfoString(stream, InfoKeyName, &name);
-      std::this_thread::yield();
+      rounds[me].store(i + 1);
+      if (!convoke_test_support::waitUntil([&] { return rounds[1 - me].load() >= i + 1; })) {
+        inStep = false;
+      }
       if (site == nullptr || std::string(site) != expected) wrong.fetch_add(1);
       if (name == nullptr || std::string(name) != streamName) wrong.fetch_add(1);
     }
   };
-  std::thread bob(worker, "bob@example.com", "Bob Site", "v-bob", "Bob cam");
-  std::thread cyd(worker, "cyd@example.com", "Cyd Site", "v-cyd", "Cyd cam");
+  std::thread bob(worker, 0, "bob@example.com", "Bob Site", "v-bob", "Bob cam");
+  std::thread cyd(worker, 1, "cyd@example.com", "Cyd Site", "v-cyd", "Cyd cam");
   bob.join();
   cyd.join();
+  EXPECT_TRUE(inStep.load()) << "a thread stopped making progress";
   EXPECT_EQ(wrong.load(), 0);
 }
 
@@ -190,14 +197,10 @@ TEST_F(ThreadResultsTest, QueriesAndCommandsWorkFromInsideEveryKindOfCallback) {
   videoEvent(
       "<event name=\"video_stream_buffer_ready\"><stream id=\"v-bob\" pixel_buffer=\"5\"/>"
       "</event>");
-  const auto until = std::chrono::steady_clock::now() + 3s;
-  while (std::chrono::steady_clock::now() < until) {
-    {
-      std::lock_guard<std::mutex> lock(gSeenMutex);
-      if (gSeen.count("frame") != 0) break;
-    }
-    std::this_thread::sleep_for(5ms);
-  }
+  ASSERT_TRUE(convoke_test_support::waitUntil([] {
+    std::lock_guard<std::mutex> lock(gSeenMutex);
+    return gSeen.count("frame") != 0;
+  }));
   audioEvent("<event name=\"audio_stream_removed\"><stream id=\"a-bob\"/></event>");
 
   std::lock_guard<std::mutex> lock(gSeenMutex);
