@@ -35,7 +35,7 @@ class Recorder {
   void Clear();
   // Waits (up to `limit`) until `done` holds for what was received; returns whether it did.
   bool WaitUntil(const std::function<bool(const std::vector<Received>&)>& done,
-                 std::chrono::milliseconds limit = std::chrono::seconds(5));
+                 std::chrono::milliseconds limit = std::chrono::seconds(10));
 
   // Runs inside the callbacks, after recording (set by a test, cleared by the fixture).
   std::function<void(ktsim_engine, const std::string&)> hook;
