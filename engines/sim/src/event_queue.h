@@ -12,7 +12,7 @@
 #include <string>
 #include <thread>
 
-#include "ktsim/ktengine.h"
+#include "ktengine/ktengine.h"
 
 namespace ktsim {
 
