@@ -19,24 +19,26 @@
 #include <vector>
 
 #include "address.h"
-#include "command.h"
 #include "devices.h"
+#include "documents.h"
 #include "event_queue.h"
 #include "exit_guard.h"
 #include "janus.h"
 #include "media.h"
+#include "numbers.h"
 #include "worker.h"
 
 namespace ktopen {
 
-using ktsim::Escape;
-using ktsim::EventQueue;
-using ktsim::Fail;
-using ktsim::Node;
-using ktsim::ReadFlag;
-using ktsim::StreamEvent;
-using ktsim::Tag;
-using ktsim::TextOf;
+using ktengine::Escape;
+using ktengine::EventQueue;
+using ktengine::Fail;
+using ktengine::Node;
+using ktengine::ReadFlag;
+using ktengine::ReadInt;
+using ktengine::StreamEvent;
+using ktengine::Tag;
+using ktengine::TextOf;
 
 namespace {
 
@@ -46,14 +48,6 @@ constexpr int kAnnouncedWidth = 640;  // what remote cameras are announced with 
 constexpr int kAnnouncedHeight = 480;
 constexpr int kStatisticsEverySeconds = 4;  // how often audio_update_conditions is measured
 
-bool ReadInt(const std::string& text, long low, long high, long* value) {
-  if (text.empty() || text.size() > 9) return false;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-  }
-  *value = std::atol(text.c_str());
-  return *value >= low && *value <= high;
-}
 std::string Env(const char* name) {
   const char* value = std::getenv(name);
   return value ? value : "";
@@ -638,7 +632,7 @@ void Core::Conditions() {
 
 bool Core::SetRoot(EngineId engine, const std::string& xml) {
   std::string why;
-  std::unique_ptr<Node> root = ktsim::ParseCommand(xml, &why);
+  std::unique_ptr<Node> root = ktengine::ParseCommand(xml, &why);
   if (!root) return Refuse(engine, "Malformed command: " + why);
   const char* expected = engine == kVideo ? "video" : "audio";
   if (root->name != expected) {
@@ -779,14 +773,12 @@ bool Core::AudioCommand(const Node& root, bool apply, std::string* error) {
           worker_.Post([this] { ApplyPlayback(); });
         }
       }
-    } else if (what == "tones" || what == "conditions" || what == "aec") {
-      const std::string* enabled = child->Attribute("enabled");
-      if (enabled == nullptr || (*enabled != "true" && *enabled != "false")) {
-        return Fail(error, "Invalid or missing 'enabled' on <" + what + ">");
-      }
+    } else if (ktengine::IsAudioSwitch(what)) {
+      bool on = false;
+      if (!ktengine::ReadSwitch(*child, &on, error)) return false;
       if (apply) {
         std::lock_guard<std::mutex> lock(mutex_);
-        switches_[what] = *enabled == "true";
+        switches_[what] = on;
       }
     } else {
       return Fail(error, "Unsupported element <" + what + "> in audio command");
@@ -856,11 +848,7 @@ bool Core::Render(const Node& s, bool apply, std::string* error) {
       it->second->peer->Render(slot.get(), format, frame->width, frame->height);
     }
   });
-  Emit(kVideo,
-       "<event name=\"video_stream_buffer_ready\"><stream id=\"" + Escape(*id) +
-           "\" pixel_buffer=\"" +
-           std::to_string(static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(frame))) +
-           "\"/></event>");
+  Emit(kVideo, ktengine::BufferReadyEvent(*id, frame));
   return true;
 }
 
@@ -933,6 +921,11 @@ int Core::FrameReady(const std::string& id) {
   return slot->Take();
 }
 
+// The event queues arm the exit guard after their first delivery: by then the product's objects
+// exist, so leaving the meeting at exit happens before they are destroyed.
+[[maybe_unused]] const bool exit_action_set =
+    (ktengine::SetExitAction([] { Core::Get().Exit(); }), true);
+
 }  // namespace
 
 // ---- The engines' C functions ------------------------------------------------------------------
@@ -1004,14 +997,3 @@ int FrameReady(const char* stream_id) noexcept {
 
 }  // namespace core
 }  // namespace ktopen
-
-namespace ktsim {
-
-// The event queues call this after their first delivery: by then the product's objects exist, so
-// leaving the meeting at exit happens before they are destroyed.
-void ArmExitGuard() {
-  static std::once_flag once;
-  std::call_once(once, [] { std::atexit([] { ktopen::Core::Get().Exit(); }); });
-}
-
-}  // namespace ktsim

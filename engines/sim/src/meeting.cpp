@@ -6,9 +6,12 @@
 #include <utility>
 
 #include "ktengine/meeting_url.h"
+#include "numbers.h"
 #include "simulation.h"
 
 namespace ktsim {
+
+using ktengine::ReadInt;
 
 namespace {
 
@@ -53,15 +56,6 @@ uint32_t Fnv1a(const std::string& text) {
   uint32_t h = 2166136261u;
   for (unsigned char c : text) h = (h ^ c) * 16777619u;
   return h;
-}
-
-bool ReadInt(const std::string& text, long lo, long hi, long* out) {
-  if (text.empty()) return false;
-  char* end = nullptr;
-  const long value = std::strtol(text.c_str(), &end, 10);
-  if (end == nullptr || *end != '\0' || value < lo || value > hi) return false;
-  *out = value;
-  return true;
 }
 
 // The size and frame rate a send profile stands for ("H.264 720p (30FPS)", "VP8 4K (10FPS)").
@@ -784,7 +778,7 @@ int Meeting::PollFrame(const std::string& stream_id) {
 
 bool Meeting::Command(ktsim_engine engine, const std::string& xml, std::string* error) {
   std::string why;
-  std::unique_ptr<Node> root = ParseCommand(xml, &why);
+  std::unique_ptr<Node> root = ktengine::ParseCommand(xml, &why);
   if (!root) return Fail(error, "Malformed command: " + why);
   const char* expected = engine == KTSIM_VIDEO ? "video" : "audio";
   if (root->name != expected) {
@@ -861,12 +855,10 @@ bool Meeting::AudioCommandLocked(const Node& root, bool apply, std::string* erro
           return Fail(error, "Invalid volume '" + *volume + "'");
         if (apply) volumes_[*id] = static_cast<int>(value);
       }
-    } else if (what == "tones" || what == "conditions" || what == "aec") {
-      const std::string* enabled = child->Attribute("enabled");
-      if (enabled == nullptr || (*enabled != "true" && *enabled != "false")) {
-        return Fail(error, "Invalid or missing 'enabled' on <" + what + ">");
-      }
-      if (apply) switches_[what] = *enabled == "true";
+    } else if (ktengine::IsAudioSwitch(what)) {
+      bool on = false;
+      if (!ktengine::ReadSwitch(*child, &on, error)) return false;
+      if (apply) switches_[what] = on;
     } else {
       return Fail(error, "Unsupported element <" + what + "> in audio command");
     }
@@ -1046,11 +1038,7 @@ void Meeting::StartRenderLocked(Stream& s, ktsim_pixel_format format, int width,
   s.rendering = true;
   s.render_start = Clock::now();
   s.last_index = -1;
-  Send(KTSIM_VIDEO,
-       "<event name=\"video_stream_buffer_ready\"><stream id=\"" + Escape(s.id) +
-           "\" pixel_buffer=\"" +
-           std::to_string(static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(s.frame))) +
-           "\"/></event>");
+  Send(KTSIM_VIDEO, ktengine::BufferReadyEvent(s.id, s.frame));
 }
 
 // ---- State documents -------------------------------------------------------------------------

@@ -14,11 +14,19 @@
 #include <thread>
 #include <vector>
 
-#include "command.h"
+#include "documents.h"
 #include "frame.h"
 #include "ktsim/ktsim.h"
 
 namespace ktsim {
+
+using ktengine::Escape;
+using ktengine::Fail;
+using ktengine::Node;
+using ktengine::ReadFlag;
+using ktengine::StreamEvent;
+using ktengine::Tag;
+using ktengine::TextOf;
 
 // A meeting's options (see ktsim.h for their meaning). Plain value.
 struct Options {

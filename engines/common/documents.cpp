@@ -1,10 +1,11 @@
-#include "command.h"
+#include "documents.h"
 
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
-namespace ktsim {
+namespace ktengine {
 
 namespace {
 
@@ -243,6 +244,13 @@ bool Fail(std::string* error, const std::string& why) {
   return false;
 }
 
+std::string BufferReadyEvent(const std::string& id, const void* frame) {
+  return "<event name=\"video_stream_buffer_ready\"><stream id=\"" + Escape(id) +
+         "\" pixel_buffer=\"" +
+         std::to_string(static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(frame))) +
+         "\"/></event>";
+}
+
 bool ReadFlag(const Node& node, bool* value, std::string* error) {
   if (node.text == "true" || node.text == "false") {
     *value = node.text == "true";
@@ -251,4 +259,17 @@ bool ReadFlag(const Node& node, bool* value, std::string* error) {
   return Fail(error, "Invalid value '" + node.text + "' for " + node.name);
 }
 
-}  // namespace ktsim
+bool IsAudioSwitch(const std::string& name) {
+  return name == "tones" || name == "conditions" || name == "aec";
+}
+
+bool ReadSwitch(const Node& node, bool* on, std::string* error) {
+  const std::string* enabled = node.Attribute("enabled");
+  if (enabled == nullptr || (*enabled != "true" && *enabled != "false")) {
+    return Fail(error, "Invalid or missing 'enabled' on <" + node.name + ">");
+  }
+  *on = *enabled == "true";
+  return true;
+}
+
+}  // namespace ktengine
