@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "numbers.h"
+
 namespace ktengine {
 
 namespace {
@@ -257,6 +259,23 @@ bool ReadFlag(const Node& node, bool* value, std::string* error) {
     return true;
   }
   return Fail(error, "Invalid value '" + node.text + "' for " + node.name);
+}
+
+const std::string* AudioStreamId(const Node& stream, std::string* error) {
+  const std::string* id = stream.Attribute("id");
+  if (stream.name != "stream" || id == nullptr) {
+    Fail(error, "Malformed audio stream element");
+    return nullptr;
+  }
+  return id;
+}
+
+bool ReadAudioStreamVolume(const Node& stream, const std::string& id, long* volume,
+                           std::string* error) {
+  const std::string* text = TextOf(stream, "volume");
+  if (text == nullptr) return Fail(error, "Missing volume for audio stream '" + id + "'");
+  if (!ReadInt(*text, 0, 255, volume)) return Fail(error, "Invalid volume '" + *text + "'");
+  return true;
 }
 
 bool IsAudioSwitch(const std::string& name) {

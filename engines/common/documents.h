@@ -51,6 +51,22 @@ bool ReadFlag(const Node& node, bool* value, std::string* error);
 // whether `node` is one of them, and its setting into *on, refused as "Invalid or missing
 // 'enabled' on <name>" when it is neither "true" nor "false".
 bool IsAudioSwitch(const std::string& name);
+// Calls `item` on each child of a list element (<input>, <devices>, <streams>) until one refuses;
+// an empty list is refused as "Empty <name> element".
+template <typename Item>
+bool ForEachItem(const Node& list, std::string* error, Item item) {
+  if (list.children.empty()) return Fail(error, "Empty <" + list.name + "> element");
+  for (const auto& child : list.children) {
+    if (!item(*child)) return false;
+  }
+  return true;
+}
+// An audio stream's volume (<stream id="id"><volume>0..255</volume></stream>), read in two steps
+// so that the caller can check the stream in between: its id (nullptr, refused as "Malformed audio
+// stream element", when it is not such an element), then its volume.
+const std::string* AudioStreamId(const Node& stream, std::string* error);
+bool ReadAudioStreamVolume(const Node& stream, const std::string& id, long* volume,
+                           std::string* error);
 bool ReadSwitch(const Node& node, bool* on, std::string* error);
 
 }  // namespace ktengine

@@ -146,28 +146,20 @@ bool Core::AudioCommand(const Node& root, bool apply, std::string* error) {
   for (const auto& child : root.children) {
     const std::string& what = child->name;
     if (what == "input" || what == "output") {
-      if (child->children.empty()) return Fail(error, "Empty <" + what + "> element");
-      for (const auto& d : child->children) {
-        if (!DeviceCommand(*d, what == "input" ? Device::kMicrophone : Device::kSpeaker, apply,
-                           error)) {
-          return false;
-        }
-      }
+      const Device::Kind kind = what == "input" ? Device::kMicrophone : Device::kSpeaker;
+      const bool ok = ktengine::ForEachItem(
+          *child, error, [&](const Node& d) { return DeviceCommand(d, kind, apply, error); });
+      if (!ok) return false;
     } else if (what == "streams") {
-      if (child->children.empty()) return Fail(error, "Empty <streams> element");
-      for (const auto& s : child->children) {
-        const std::string* id = s->Attribute("id");
-        if (s->name != "stream" || id == nullptr)
-          return Fail(error, "Malformed audio stream element");
+      const bool ok = ktengine::ForEachItem(*child, error, [&](const Node& s) {
+        const std::string* id = ktengine::AudioStreamId(s, error);
+        if (id == nullptr) return false;
         {
           std::lock_guard<std::mutex> lock(mutex_);
           if (audio_ids_.count(*id) == 0) return Fail(error, "Unknown audio stream '" + *id + "'");
         }
-        const std::string* volume = TextOf(*s, "volume");
         long value = 0;
-        if (volume == nullptr) return Fail(error, "Missing volume for audio stream '" + *id + "'");
-        if (!ReadInt(*volume, 0, 255, &value))
-          return Fail(error, "Invalid volume '" + *volume + "'");
+        if (!ktengine::ReadAudioStreamVolume(s, *id, &value, error)) return false;
         if (apply) {
           {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -175,7 +167,9 @@ bool Core::AudioCommand(const Node& root, bool apply, std::string* error) {
           }
           worker_.Post([this] { ApplyPlayback(); });
         }
-      }
+        return true;
+      });
+      if (!ok) return false;
     } else if (ktengine::IsAudioSwitch(what)) {
       bool on = false;
       if (!ktengine::ReadSwitch(*child, &on, error)) return false;
@@ -253,12 +247,11 @@ bool Core::VideoCommand(const Node& root, bool apply, std::string* error) {
   for (const auto& child : root.children) {
     const std::string& what = child->name;
     if (what == "devices" || what == "streams") {
-      if (child->children.empty()) return Fail(error, "Empty <" + what + "> element");
-      for (const auto& item : child->children) {
-        const bool ok = what == "devices" ? DeviceCommand(*item, Device::kCamera, apply, error)
-                                          : Render(*item, apply, error);
-        if (!ok) return false;
-      }
+      const bool ok = ktengine::ForEachItem(*child, error, [&](const Node& item) {
+        return what == "devices" ? DeviceCommand(item, Device::kCamera, apply, error)
+                                 : Render(item, apply, error);
+      });
+      if (!ok) return false;
     } else if (what == "local_url") {
       return Fail(error, "Network video is not supported by the open engines yet");
     } else {

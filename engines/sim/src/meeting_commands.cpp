@@ -36,23 +36,20 @@ bool Meeting::AudioCommandLocked(const Node& root, bool apply, std::string* erro
     if (what == "input" || what == "output") {
       if (!AudioDevicesLocked(*child, apply, error)) return false;
     } else if (what == "streams") {
-      if (child->children.empty()) return Fail(error, "Empty <streams> element");
-      for (const auto& s : child->children) {
-        const std::string* id = s->Attribute("id");
-        if (s->name != "stream" || id == nullptr)
-          return Fail(error, "Malformed audio stream element");
+      const bool ok = ktengine::ForEachItem(*child, error, [&](const Node& s) {
+        const std::string* id = ktengine::AudioStreamId(s, error);
+        if (id == nullptr) return false;
         // Any stream of this meeting, including one whose participant just left: the product
         // sets a volume in answer to an announcement that may cross the departure.
         if (!running_ || ids_.count(*id) == 0) {
           return Fail(error, "Unknown audio stream '" + *id + "'");
         }
-        const std::string* volume = TextOf(*s, "volume");
         long value = 0;
-        if (volume == nullptr) return Fail(error, "Missing volume for audio stream '" + *id + "'");
-        if (!ReadInt(*volume, 0, 255, &value))
-          return Fail(error, "Invalid volume '" + *volume + "'");
+        if (!ktengine::ReadAudioStreamVolume(s, *id, &value, error)) return false;
         if (apply) volumes_[*id] = static_cast<int>(value);
-      }
+        return true;
+      });
+      if (!ok) return false;
     } else if (ktengine::IsAudioSwitch(what)) {
       bool on = false;
       if (!ktengine::ReadSwitch(*child, &on, error)) return false;
@@ -110,12 +107,11 @@ bool Meeting::VideoCommandLocked(const Node& root, bool apply, std::string* erro
   for (const auto& child : root.children) {
     const std::string& what = child->name;
     if (what == "devices" || what == "streams") {
-      if (child->children.empty()) return Fail(error, "Empty <" + what + "> element");
-      for (const auto& item : child->children) {
-        const bool ok = what == "devices" ? VideoDeviceLocked(*item, apply, error)
-                                          : VideoStreamLocked(*item, apply, error);
-        if (!ok) return false;
-      }
+      const bool ok = ktengine::ForEachItem(*child, error, [&](const Node& item) {
+        return what == "devices" ? VideoDeviceLocked(item, apply, error)
+                                 : VideoStreamLocked(item, apply, error);
+      });
+      if (!ok) return false;
     } else if (what == "local_url") {
       if (!LocalUrlLocked(*child, apply, error)) return false;
     } else {

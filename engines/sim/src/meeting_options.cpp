@@ -10,6 +10,47 @@ namespace ktsim {
 
 using ktengine::ReadInt;
 
+namespace {
+
+// The options that are whole numbers: their key, range and field.
+struct IntOption {
+  const char* key;
+  long low, high;
+  int Options::*field;
+};
+const IntOption kIntOptions[] = {{"participants", 0, 1000, &Options::participants},
+                                 {"fps", 1, 60, &Options::fps},
+                                 {"muted", 0, 1000, &Options::muted},
+                                 {"phone", 0, 1000, &Options::phone},
+                                 {"tick", 20, 1000, &Options::tick},
+                                 {"conditions", 100, 10000, &Options::conditions},
+                                 {"start", 0, 5000, &Options::start}};
+
+// One key=value pair; an unknown key or an unreadable value changes nothing.
+void Set(Options* o, const std::string& key, const std::string& text) {
+  long v = 0;
+  for (const IntOption& option : kIntOptions) {
+    if (key == option.key) {
+      if (ReadInt(text, option.low, option.high, &v)) o->*option.field = static_cast<int>(v);
+      return;
+    }
+  }
+  if (key == "seed" && ReadInt(text, 0, 4294967295L, &v)) {
+    o->seed = static_cast<uint32_t>(v);
+    o->has_seed = true;
+  } else if (key == "churn") {
+    char* stop = nullptr;
+    const double seconds = std::strtod(text.c_str(), &stop);
+    if (!text.empty() && stop && *stop == '\0' && seconds >= 0 && seconds <= 86400) {
+      o->churn = seconds;
+    }
+  } else if (key == "screen" && ReadInt(text, 0, 1, &v)) {
+    o->screen = v == 1;
+  }
+}
+
+}  // namespace
+
 void Options::Apply(const std::string& query) {
   size_t pos = 0;
   while (pos <= query.size()) {
@@ -19,35 +60,7 @@ void Options::Apply(const std::string& query) {
     pos = end + 1;
     const size_t eq = pair.find('=');
     if (eq == std::string::npos) continue;
-    const std::string key = Lower(pair.substr(0, eq));
-    const std::string text = pair.substr(eq + 1);
-    long v = 0;
-    if (key == "participants" && ReadInt(text, 0, 1000, &v)) {
-      participants = static_cast<int>(v);
-    } else if (key == "seed" && ReadInt(text, 0, 4294967295L, &v)) {
-      seed = static_cast<uint32_t>(v);
-      has_seed = true;
-    } else if (key == "churn") {
-      char* stop = nullptr;
-      const double seconds = std::strtod(text.c_str(), &stop);
-      if (!text.empty() && stop && *stop == '\0' && seconds >= 0 && seconds <= 86400) {
-        churn = seconds;
-      }
-    } else if (key == "screen" && ReadInt(text, 0, 1, &v)) {
-      screen = v == 1;
-    } else if (key == "fps" && ReadInt(text, 1, 60, &v)) {
-      fps = static_cast<int>(v);
-    } else if (key == "muted" && ReadInt(text, 0, 1000, &v)) {
-      muted = static_cast<int>(v);
-    } else if (key == "phone" && ReadInt(text, 0, 1000, &v)) {
-      phone = static_cast<int>(v);
-    } else if (key == "tick" && ReadInt(text, 20, 1000, &v)) {
-      tick = static_cast<int>(v);
-    } else if (key == "conditions" && ReadInt(text, 100, 10000, &v)) {
-      conditions = static_cast<int>(v);
-    } else if (key == "start" && ReadInt(text, 0, 5000, &v)) {
-      start = static_cast<int>(v);
-    }
+    Set(this, Lower(pair.substr(0, eq)), pair.substr(eq + 1));
   }
 }
 
