@@ -197,61 +197,56 @@ static int looksLikeTestPattern(const DemoImage* image) {
   return 1;
 }
 
-int main(int argc, char** argv) {
-  const char *server = NULL, *meeting = NULL, *name = NULL, *role = "stay", *snapshot = NULL;
-  const char* snapshotResult = "none";
-  int i, failed = 0;
-  m.windowSeconds = 10;
-  m.firstFrameMs = -1;
+/* The command line; --uuid and --window go straight into m. */
+typedef struct {
+  const char *server, *meeting, *name, *role, *snapshot;
+} Options;
+
+static int readOptions(int argc, char** argv, Options* o) {
+  int i;
+  o->server = o->meeting = o->name = o->snapshot = NULL;
+  o->role = "stay";
   for (i = 1; i + 1 < argc; i += 2) {
     if (strcmp(argv[i], "--server") == 0)
-      server = argv[i + 1];
+      o->server = argv[i + 1];
     else if (strcmp(argv[i], "--meeting") == 0)
-      meeting = argv[i + 1];
+      o->meeting = argv[i + 1];
     else if (strcmp(argv[i], "--name") == 0)
-      name = argv[i + 1];
+      o->name = argv[i + 1];
     else if (strcmp(argv[i], "--uuid") == 0)
       snprintf(m.self, TEXT, "%s", argv[i + 1]);
     else if (strcmp(argv[i], "--role") == 0)
-      role = argv[i + 1];
+      o->role = argv[i + 1];
     else if (strcmp(argv[i], "--window") == 0)
       m.windowSeconds = atof(argv[i + 1]);
     else if (strcmp(argv[i], "--snapshot") == 0)
-      snapshot = argv[i + 1];
+      o->snapshot = argv[i + 1];
   }
-  if (!server || !meeting || !name || m.self[0] == '\0' || i != argc) {
+  if (!o->server || !o->meeting || !o->name || m.self[0] == '\0' || i != argc) {
     fprintf(stderr,
             "usage: live-host --server HOST --meeting ID --name NAME --uuid UUID "
             "--role stay|rejoin [--window SECONDS] [--snapshot FILE.png]\n");
-    return 2;
+    return -1;
   }
-  pthread_mutex_init(&m.lock, NULL);
-  m.wantSnapshot = snapshot != NULL;
-  ConvokeInitialize();
-  registerCallbacks();
+  return 0;
+}
 
-  if (join(server, meeting, name) != 0) return 1;
+/* Writes the last frame of the other participant to `path`; says what it showed. */
+static const char* takeSnapshot(const char* path) {
+  const char* result;
+  const DemoImage* images[1];
   pthread_mutex_lock(&m.lock);
-  m.joinedAt = now();
+  images[0] = &m.last;
+  result = looksLikeTestPattern(&m.last) ? "test pattern" : "wrong picture";
+  if (m.last.pixels == NULL || demo_write_mosaic(path, images, 1) != 0) result = "missing";
   pthread_mutex_unlock(&m.lock);
-  if (waitFor(otherHere, 30) != 0) {
-    fprintf(stderr, "live-host %s: the other participant never arrived\n", name);
-    failed = 1;
-  } else if (waitFor(windowOver, 30 + m.windowSeconds) != 0) {
-    fprintf(stderr, "live-host %s: no frame from the other participant\n", name);
-    failed = 1;
-  }
-  if (snapshot != NULL) {
-    const DemoImage* images[1];
-    pthread_mutex_lock(&m.lock);
-    images[0] = &m.last;
-    snapshotResult = looksLikeTestPattern(&m.last) ? "test pattern" : "wrong picture";
-    if (m.last.pixels == NULL || demo_write_mosaic(snapshot, images, 1) != 0) {
-      snapshotResult = "missing";
-    }
-    pthread_mutex_unlock(&m.lock);
-  }
-  if (!failed && strcmp(role, "rejoin") == 0) {
+  return result;
+}
+
+/* After the measured window: "rejoin" leaves, comes back and sees the other leave; "stay" sees the
+ * other leave and come back. Non-zero when that did not happen. */
+static int leaveAndReturn(const Options* o) {
+  if (strcmp(o->role, "rejoin") == 0) {
     /* The other's window began at its own first frame, which may have come later than ours: stay
      * until that window is over too, so that leaving does not cut it short. */
     waitFor(never, LATER_WINDOW_MARGIN_S);
@@ -260,20 +255,24 @@ int main(int argc, char** argv) {
     pthread_mutex_lock(&m.lock);
     m.otherPresent = 0;
     pthread_mutex_unlock(&m.lock);
-    if (join(server, meeting, name) != 0 || waitFor(otherHere, 20) != 0 ||
+    if (join(o->server, o->meeting, o->name) != 0 || waitFor(otherHere, 20) != 0 ||
         waitFor(otherGone, 30) != 0) {
-      fprintf(stderr, "live-host %s: did not see the other leave after rejoining\n", name);
-      failed = 1;
+      fprintf(stderr, "live-host %s: did not see the other leave after rejoining\n", o->name);
+      return 1;
     }
-  } else if (!failed) {
-    if (waitFor(otherGone, 30) != 0 || waitFor(otherHere, 30) != 0) {
-      fprintf(stderr, "live-host %s: did not see the other leave and come back\n", name);
-      failed = 1;
-    }
-    pause_ms(2000); /* the other sees us before we go */
+    return 0;
   }
-  exitMeeting();
+  if (waitFor(otherGone, 30) != 0 || waitFor(otherHere, 30) != 0) {
+    fprintf(stderr, "live-host %s: did not see the other leave and come back\n", o->name);
+    return 1;
+  }
+  pause_ms(2000); /* the other sees us before we go */
+  return 0;
+}
 
+/* The figures line; non-zero when a figure shows that something never happened. */
+static int report(const char* name, const char* snapshotResult, int snapshotWanted) {
+  int failed = 0;
   pthread_mutex_lock(&m.lock);
   const double first = m.firstFrameMs;
   printf(
@@ -281,9 +280,40 @@ int main(int argc, char** argv) {
       "snapshot %s\n",
       name, m.frames, first, m.amplitudes, m.arrivals, m.departures, snapshotResult);
   if (m.frames == 0 || m.amplitudes == 0 || m.arrivals == 0 || m.departures == 0) failed = 1;
-  if (snapshot != NULL && strcmp(snapshotResult, "test pattern") != 0) failed = 1;
+  if (snapshotWanted && strcmp(snapshotResult, "test pattern") != 0) failed = 1;
   pthread_mutex_unlock(&m.lock);
   fflush(stdout);
+  return failed;
+}
+
+int main(int argc, char** argv) {
+  Options o;
+  const char* snapshotResult = "none";
+  int failed = 0;
+  m.windowSeconds = 10;
+  m.firstFrameMs = -1;
+  if (readOptions(argc, argv, &o) != 0) return 2;
+  pthread_mutex_init(&m.lock, NULL);
+  m.wantSnapshot = o.snapshot != NULL;
+  ConvokeInitialize();
+  registerCallbacks();
+
+  if (join(o.server, o.meeting, o.name) != 0) return 1;
+  pthread_mutex_lock(&m.lock);
+  m.joinedAt = now();
+  pthread_mutex_unlock(&m.lock);
+  if (waitFor(otherHere, 30) != 0) {
+    fprintf(stderr, "live-host %s: the other participant never arrived\n", o.name);
+    failed = 1;
+  } else if (waitFor(windowOver, 30 + m.windowSeconds) != 0) {
+    fprintf(stderr, "live-host %s: no frame from the other participant\n", o.name);
+    failed = 1;
+  }
+  if (o.snapshot != NULL) snapshotResult = takeSnapshot(o.snapshot);
+  if (!failed) failed = leaveAndReturn(&o);
+  exitMeeting();
+
+  if (report(o.name, snapshotResult, o.snapshot != NULL)) failed = 1;
   ConvokeDeallocate();
   return failed;
 }

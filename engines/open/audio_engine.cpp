@@ -1,8 +1,6 @@
 // The open audio engine: the audio half of the engines' C ABI, over the shared open core.
 #include "core.h"
 
-#define KT_ENGINE_API extern "C" __attribute__((visibility("default")))
-
 using namespace ktopen;
 
 KT_ENGINE_API void AudioSetCallback(EngineEventCallback callback) {

@@ -1,8 +1,6 @@
 // The simulated audio engine: the audio half of the engines' C ABI, over the shared simulation.
 #include "engine_core.h"
 
-#define KT_ENGINE_API extern "C" __attribute__((visibility("default")))
-
 using namespace ktsim;
 
 KT_ENGINE_API void AudioSetCallback(EngineEventCallback callback) {

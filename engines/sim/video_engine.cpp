@@ -1,8 +1,6 @@
 // The simulated video engine: the video half of the engines' C ABI, over the shared simulation.
 #include "engine_core.h"
 
-#define KT_ENGINE_API extern "C" __attribute__((visibility("default")))
-
 using namespace ktsim;
 
 KT_ENGINE_API void VideoSetCallback(EngineEventCallback callback) {

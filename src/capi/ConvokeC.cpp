@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "meeting/CMeetingDelegate.h"
+#include "capi/CMeetingDelegate.h"
 #include "meeting/Convoke.h"
 #include "meeting/Logging.h"
 

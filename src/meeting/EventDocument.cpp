@@ -43,101 +43,136 @@ bool FlatEvent::equalsIgnoringCase(const char* scanned, const char* name, std::s
   return true;
 }
 
-bool FlatEvent::scan(const char* text, std::size_t length) {
-  const char* p = text;
-  const char* const end = text + length;
-  Element* open[kMaxDepth];  // the elements whose content is being read, outermost first
-  Element* last[kMaxDepth];  // the last child of each open element so far
-  std::size_t depth = 0;
-  std::size_t elementCount = 0;
-  std::size_t attributeCount = 0;
+namespace {
 
-  if (p == end || *p != '<') return false;
-  for (;;) {
-    // At "<" of a start tag.
-    ++p;
-    if (p == end || !is(*p, kNameStart) || elementCount == kMaxElements) return false;
-    const char* name = p;
-    while (p != end && is(*p, kName)) ++p;
-    Element& e =
-        *new (&elements_[elementCount++]) Element{Text{name, static_cast<std::size_t>(p - name)},
-                                                  Text{},
-                                                  nullptr,
-                                                  nullptr,
-                                                  attributeCount,
-                                                  0};
-    if (depth > 0) {
-      Element* parent = open[depth - 1];
-      if (last[depth - 1] == nullptr) {
-        parent->firstChild = &e;
-      } else {
-        last[depth - 1]->nextSibling = &e;
-      }
-      last[depth - 1] = &e;
-    }
-    // Attributes, each after exactly one blank.
-    while (p != end && *p == ' ') {
-      ++p;
-      if (p == end || !is(*p, kNameStart) || attributeCount == kMaxAttributes) return false;
-      const char* attributeName = p;
-      while (p != end && is(*p, kName)) ++p;
-      Attribute& a = *new (&attributes_[attributeCount++]) Attribute{
-          Text{attributeName, static_cast<std::size_t>(p - attributeName)}, Text{}};
-      if (end - p < 2 || p[0] != '=' || p[1] != '"') return false;
-      p += 2;
-      const char* value = p;
-      while (p != end && is(*p, kValue)) ++p;
-      if (p == end || *p != '"') return false;
-      a.value = Text{value, static_cast<std::size_t>(p - value)};
-      ++p;
-      ++e.attributeCount;
-    }
-    if (p == end) return false;
-    if (*p == '/') {
-      // An empty-element tag; its empty text ends at the "/".
-      if (end - p < 2 || p[1] != '>') return false;
-      e.value = Text{p, 0};
-      p += 2;
-      if (depth == 0) return p == end;
-    } else if (*p == '>') {
-      ++p;
-      if (depth == kMaxDepth) return false;
-      open[depth] = &e;
-      last[depth] = nullptr;
-      ++depth;
-    } else {
+using Element = FlatEvent::Element;
+
+// Where a scan stands: the text left, the slots it fills, and the elements still open.
+struct Cursor {
+  const char* p;
+  const char* end;
+  Element* elements;                    // FlatEvent's element slots
+  FlatEvent::Attribute* attributes;     // and attribute slots
+  Element* open[FlatEvent::kMaxDepth];  // the elements whose content is being read, outermost first
+  Element* last[FlatEvent::kMaxDepth];  // the last child of each open element so far
+  std::size_t depth;
+  std::size_t elementCount;
+  std::size_t attributeCount;
+};
+
+// What a part of the scan found: a refusal, the whole document, or more to read.
+enum class Step { kRefused, kDone, kMore };
+
+// Attributes, each after exactly one blank.
+inline bool scanAttributes(Cursor& c, Element& e) {
+  while (c.p != c.end && *c.p == ' ') {
+    ++c.p;
+    if (c.p == c.end || !is(*c.p, kNameStart) || c.attributeCount == FlatEvent::kMaxAttributes) {
       return false;
     }
+    const char* attributeName = c.p;
+    while (c.p != c.end && is(*c.p, kName)) ++c.p;
+    FlatEvent::Attribute& a = *new (&c.attributes[c.attributeCount++]) FlatEvent::Attribute{
+        Text{attributeName, static_cast<std::size_t>(c.p - attributeName)}, Text{}};
+    if (c.end - c.p < 2 || c.p[0] != '=' || c.p[1] != '"') return false;
+    c.p += 2;
+    const char* value = c.p;
+    while (c.p != c.end && is(*c.p, kValue)) ++c.p;
+    if (c.p == c.end || *c.p != '"') return false;
+    a.value = Text{value, static_cast<std::size_t>(c.p - value)};
+    ++c.p;
+    ++e.attributeCount;
+  }
+  return true;
+}
 
-    // Content of the innermost open element, up to the next start tag (continue the outer loop)
-    // or the end of the document.
-    for (;;) {
-      Element& current = *open[depth - 1];
-      const char* content = p;
-      while (p != end && is(*p, kText)) ++p;
-      if (p == end || *p != '<') return false;
-      const bool hasText = p != content;
-      if (hasText) {
-        if (last[depth - 1] != nullptr) return false;  // text after a child
-        current.value = Text{content, static_cast<std::size_t>(p - content)};
-      } else if (last[depth - 1] == nullptr) {
-        current.value = Text{p, 0};  // no text: it ends at the "<"
-      }
-      if (end - p < 2 || p[1] != '/') {
-        if (hasText) return false;  // a child after text
-        break;
-      }
-      // The end tag repeats the open name byte for byte.
-      p += 2;
-      const std::size_t n = current.name.size;
-      if (static_cast<std::size_t>(end - p) < n + 1 || p[n] != '>') return false;
-      for (std::size_t i = 0; i < n; ++i) {
-        if (p[i] != current.name.data[i]) return false;
-      }
-      p += n + 1;
-      --depth;
-      if (depth == 0) return p == end;
+// At "<" of a start tag: the element's name and attributes, the element linked to its parent and,
+// after "/>" or ">", either the document's end or the element opened for its content.
+inline Step scanStartTag(Cursor& c) {
+  ++c.p;
+  if (c.p == c.end || !is(*c.p, kNameStart) || c.elementCount == FlatEvent::kMaxElements) {
+    return Step::kRefused;
+  }
+  const char* name = c.p;
+  while (c.p != c.end && is(*c.p, kName)) ++c.p;
+  Element& e =
+      *new (&c.elements[c.elementCount++]) Element{Text{name, static_cast<std::size_t>(c.p - name)},
+                                                   Text{},
+                                                   nullptr,
+                                                   nullptr,
+                                                   c.attributeCount,
+                                                   0};
+  if (c.depth > 0) {
+    Element* parent = c.open[c.depth - 1];
+    if (c.last[c.depth - 1] == nullptr) {
+      parent->firstChild = &e;
+    } else {
+      c.last[c.depth - 1]->nextSibling = &e;
     }
+    c.last[c.depth - 1] = &e;
+  }
+  if (!scanAttributes(c, e) || c.p == c.end) return Step::kRefused;
+  if (*c.p == '/') {
+    // An empty-element tag; its empty text ends at the "/".
+    if (c.end - c.p < 2 || c.p[1] != '>') return Step::kRefused;
+    e.value = Text{c.p, 0};
+    c.p += 2;
+    if (c.depth == 0) return c.p == c.end ? Step::kDone : Step::kRefused;
+    return Step::kMore;
+  }
+  if (*c.p != '>' || c.depth == FlatEvent::kMaxDepth) return Step::kRefused;
+  ++c.p;
+  c.open[c.depth] = &e;
+  c.last[c.depth] = nullptr;
+  ++c.depth;
+  return Step::kMore;
+}
+
+// Content of the innermost open element and the end tags that follow, up to the next start tag
+// (kMore, at its "<") or the end of the document.
+inline Step scanContent(Cursor& c) {
+  for (;;) {
+    Element& current = *c.open[c.depth - 1];
+    const char* content = c.p;
+    while (c.p != c.end && is(*c.p, kText)) ++c.p;
+    if (c.p == c.end || *c.p != '<') return Step::kRefused;
+    const bool hasText = c.p != content;
+    if (hasText) {
+      if (c.last[c.depth - 1] != nullptr) return Step::kRefused;  // text after a child
+      current.value = Text{content, static_cast<std::size_t>(c.p - content)};
+    } else if (c.last[c.depth - 1] == nullptr) {
+      current.value = Text{c.p, 0};  // no text: it ends at the "<"
+    }
+    if (c.end - c.p < 2 || c.p[1] != '/') {
+      return hasText ? Step::kRefused : Step::kMore;  // no child after text
+    }
+    // The end tag repeats the open name byte for byte.
+    c.p += 2;
+    const std::size_t n = current.name.size;
+    if (static_cast<std::size_t>(c.end - c.p) < n + 1 || c.p[n] != '>') return Step::kRefused;
+    for (std::size_t i = 0; i < n; ++i) {
+      if (c.p[i] != current.name.data[i]) return Step::kRefused;
+    }
+    c.p += n + 1;
+    --c.depth;
+    if (c.depth == 0) return c.p == c.end ? Step::kDone : Step::kRefused;
+  }
+}
+
+}  // namespace
+
+bool FlatEvent::scan(const char* text, std::size_t length) {
+  Cursor c;
+  c.p = text;
+  c.end = text + length;
+  c.elements = elements_;
+  c.attributes = attributes_;
+  c.depth = c.elementCount = c.attributeCount = 0;
+  if (c.p == c.end || *c.p != '<') return false;
+  for (;;) {
+    Step step = scanStartTag(c);
+    if (step == Step::kMore) step = scanContent(c);
+    if (step != Step::kMore) return step == Step::kDone;
   }
 }
 

@@ -1,5 +1,5 @@
 // The host notification interface. The session reports every change of the meeting through one
-// MeetingDelegate; operations are declared in slot order (meeting/DelegateSlots.h, the order of
+// MeetingDelegate; operations are declared in slot order (capi/DelegateSlots.h, the order of
 // the C callback table). Operations run synchronously on whatever thread raised the notification
 // (the host's thread for the join, engine event threads, video timer threads) and must be safe to
 // call from any thread.

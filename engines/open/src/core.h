@@ -5,7 +5,7 @@
 #ifndef KTOPEN_CORE_H
 #define KTOPEN_CORE_H
 
-#include "ktsim/ktengine.h"
+#include "ktengine/ktengine.h"
 
 #if defined(_WIN32)
 #define KTOPEN_API

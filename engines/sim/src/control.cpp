@@ -58,7 +58,7 @@ void ktsim_deliver(ktsim_engine engine, const char* xml) {
 
 void ktsim_deliver_sync(ktsim_engine engine, const char* xml) {
   Guarded([&] {
-    ktsim::EventQueue& queue = Sim().queue(Checked(engine));
+    ktengine::EventQueue& queue = Sim().queue(Checked(engine));
     queue.WaitFor(queue.PushEvent(Str(xml)));
   });
 }

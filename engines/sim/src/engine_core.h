@@ -3,7 +3,7 @@
 #ifndef KTSIM_ENGINE_CORE_H
 #define KTSIM_ENGINE_CORE_H
 
-#include "ktsim/ktengine.h"
+#include "ktengine/ktengine.h"
 #include "ktsim/ktsim.h"
 
 namespace ktsim {

@@ -1,8 +1,12 @@
 // The scripted meeting: simulated participants, devices and streams shared by both engines (a
 // participant's audio and video belong together), and the engines' understanding of commands.
+// One class, implemented by responsibility: meeting.cpp (life cycle, joining, events),
+// meeting_options.cpp, meeting_cast.cpp (who takes part), meeting_clock.cpp (the clock thread and
+// sounds), meeting_commands.cpp and meeting_devices.cpp (local devices, frames, state documents).
 #ifndef KTSIM_MEETING_H
 #define KTSIM_MEETING_H
 
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -14,11 +18,34 @@
 #include <thread>
 #include <vector>
 
-#include "command.h"
+#include "documents.h"
 #include "frame.h"
 #include "ktsim/ktsim.h"
 
 namespace ktsim {
+
+using ktengine::Escape;
+using ktengine::Fail;
+using ktengine::Node;
+using ktengine::ReadFlag;
+using ktengine::StreamEvent;
+using ktengine::Tag;
+using ktengine::TextOf;
+
+// What the meeting's files share: picture sizes, and the texts and hashes of names.
+constexpr int kScreenWidth = 1280, kScreenHeight = 800;
+constexpr int kMaxFrameWidth = 3840, kMaxFrameHeight = 2160;
+
+inline std::string Lower(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+inline uint32_t Fnv1a(const std::string& text) {
+  uint32_t h = 2166136261u;
+  for (unsigned char c : text) h = (h ^ c) * 16777619u;
+  return h;
+}
 
 // A meeting's options (see ktsim.h for their meaning). Plain value.
 struct Options {
@@ -125,6 +152,9 @@ class Meeting {
   Meeting();
   void ResetDevicesLocked();
   void StartLocked(const std::string& meeting_id, const std::string& query);
+  // The opening cast of a new meeting: participants, who is muted, who dials in, who shares.
+  void CastLocked();
+  void AddScreenShareLocked(Bot& bot);
   void EnsureClockLocked();
   void ClockLoop();
   void TickLocked(Clock::time_point now);
@@ -149,6 +179,7 @@ class Meeting {
 
   // Commands: checked first (apply false), then applied, so a refused command changes nothing.
   bool AudioCommandLocked(const Node& root, bool apply, std::string* error);
+  bool AudioDevicesLocked(const Node& list, bool apply, std::string* error);  // <input>, <output>
   bool VideoCommandLocked(const Node& root, bool apply, std::string* error);
   bool VideoDeviceLocked(const Node& device, bool apply, std::string* error);
   bool LocalUrlLocked(const Node& node, bool apply, std::string* error);

@@ -109,11 +109,9 @@ struct ExitAtUnload {
   ~ExitAtUnload() { ExitHandler(); }
 } exit_at_unload;
 
-}  // namespace
+// What the exit guard (armed by the event queues' first delivery) runs at exit.
+[[maybe_unused]] const bool exit_action_set = (ktengine::SetExitAction(ExitHandler), true);
 
-void ArmExitGuard() {
-  static const bool armed = (std::atexit(ExitHandler), true);
-  (void)armed;
-}
+}  // namespace
 
 }  // namespace ktsim

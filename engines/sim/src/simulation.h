@@ -13,6 +13,8 @@
 
 namespace ktsim {
 
+using ktengine::EventQueue;
+
 // What one engine answers. Plain value; guarded by Simulation::mutex_.
 struct EngineSettings {
   bool connect_ok = true;

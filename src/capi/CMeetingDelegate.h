@@ -4,13 +4,13 @@
 //
 // Thread safety: the table's entries are atomic, so a host may store callbacks while notifications
 // are raised on other threads; a notification uses whatever its slot held when it read it.
-#ifndef CONVOKE_MEETING_CMEETINGDELEGATE_H
-#define CONVOKE_MEETING_CMEETINGDELEGATE_H
+#ifndef CONVOKE_CAPI_CMEETINGDELEGATE_H
+#define CONVOKE_CAPI_CMEETINGDELEGATE_H
 
 #include <atomic>
 #include <string>
 
-#include "meeting/DelegateSlots.h"
+#include "capi/DelegateSlots.h"
 #include "meeting/MeetingDelegate.h"
 
 // The host's callbacks, index = delegate slot.
@@ -62,4 +62,4 @@ class CMeetingDelegate : public MeetingDelegate {
 // The one bridge object; the session's delegate after ConvokeInitialize.
 extern CMeetingDelegate gMeetingDelegate;
 
-#endif  // CONVOKE_MEETING_CMEETINGDELEGATE_H
+#endif  // CONVOKE_CAPI_CMEETINGDELEGATE_H

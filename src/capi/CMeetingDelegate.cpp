@@ -1,4 +1,4 @@
-#include "meeting/CMeetingDelegate.h"
+#include "capi/CMeetingDelegate.h"
 
 #include <type_traits>
 

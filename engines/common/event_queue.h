@@ -1,7 +1,8 @@
-// One engine's event thread: a FIFO of event documents and trace lines, delivered one at a time on
-// a worker thread through the callbacks the product registered.
-#ifndef KTSIM_EVENT_QUEUE_H
-#define KTSIM_EVENT_QUEUE_H
+// One engine's event thread, for every engine family: a FIFO of event documents and trace lines,
+// delivered one at a time on a worker thread through the callbacks the product registered. The
+// first delivery arms the exit guard (exit_guard.h).
+#ifndef KTENGINE_EVENT_QUEUE_H
+#define KTENGINE_EVENT_QUEUE_H
 
 #include <atomic>
 #include <chrono>
@@ -12,9 +13,9 @@
 #include <string>
 #include <thread>
 
-#include "ktsim/ktengine.h"
+#include "ktengine/ktengine.h"
 
-namespace ktsim {
+namespace ktengine {
 
 // Thread safety: every member may be called from any thread. No lock of the queue is held while a
 // callback runs, so a callback may call back into the queue (or anything else) freely.
@@ -93,6 +94,6 @@ class EventQueue {
   std::thread::id worker_id_;     // GUARDED_BY(mutex_)
 };
 
-}  // namespace ktsim
+}  // namespace ktengine
 
-#endif  // KTSIM_EVENT_QUEUE_H
+#endif  // KTENGINE_EVENT_QUEUE_H

@@ -1,10 +1,13 @@
-#include "command.h"
+#include "documents.h"
 
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
-namespace ktsim {
+#include "numbers.h"
+
+namespace ktengine {
 
 namespace {
 
@@ -243,6 +246,13 @@ bool Fail(std::string* error, const std::string& why) {
   return false;
 }
 
+std::string BufferReadyEvent(const std::string& id, const void* frame) {
+  return "<event name=\"video_stream_buffer_ready\"><stream id=\"" + Escape(id) +
+         "\" pixel_buffer=\"" +
+         std::to_string(static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(frame))) +
+         "\"/></event>";
+}
+
 bool ReadFlag(const Node& node, bool* value, std::string* error) {
   if (node.text == "true" || node.text == "false") {
     *value = node.text == "true";
@@ -251,4 +261,34 @@ bool ReadFlag(const Node& node, bool* value, std::string* error) {
   return Fail(error, "Invalid value '" + node.text + "' for " + node.name);
 }
 
-}  // namespace ktsim
+const std::string* AudioStreamId(const Node& stream, std::string* error) {
+  const std::string* id = stream.Attribute("id");
+  if (stream.name != "stream" || id == nullptr) {
+    Fail(error, "Malformed audio stream element");
+    return nullptr;
+  }
+  return id;
+}
+
+bool ReadAudioStreamVolume(const Node& stream, const std::string& id, long* volume,
+                           std::string* error) {
+  const std::string* text = TextOf(stream, "volume");
+  if (text == nullptr) return Fail(error, "Missing volume for audio stream '" + id + "'");
+  if (!ReadInt(*text, 0, 255, volume)) return Fail(error, "Invalid volume '" + *text + "'");
+  return true;
+}
+
+bool IsAudioSwitch(const std::string& name) {
+  return name == "tones" || name == "conditions" || name == "aec";
+}
+
+bool ReadSwitch(const Node& node, bool* on, std::string* error) {
+  const std::string* enabled = node.Attribute("enabled");
+  if (enabled == nullptr || (*enabled != "true" && *enabled != "false")) {
+    return Fail(error, "Invalid or missing 'enabled' on <" + node.name + ">");
+  }
+  *on = *enabled == "true";
+  return true;
+}
+
+}  // namespace ktengine

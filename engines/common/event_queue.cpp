@@ -4,7 +4,7 @@
 
 #include "exit_guard.h"
 
-namespace ktsim {
+namespace ktengine {
 
 uint64_t EventQueue::PushEvent(std::string xml, uint64_t tag) {
   return Push(Item{0, tag, false, 0, std::move(xml)});
@@ -158,4 +158,4 @@ bool EventQueue::OnWorkerThread() const {
   return running_ && std::this_thread::get_id() == worker_id_;
 }
 
-}  // namespace ktsim
+}  // namespace ktengine

@@ -4,8 +4,8 @@
 // (include/convoke/convoke.h), `operation` the MeetingDelegate member that raises it. The host's
 // table, the C bridge and MeetingDelegate follow this order; CMeetingDelegate.cpp checks it against
 // the public enum at compile time.
-#ifndef CONVOKE_MEETING_DELEGATESLOTS_H
-#define CONVOKE_MEETING_DELEGATESLOTS_H
+#ifndef CONVOKE_CAPI_DELEGATESLOTS_H
+#define CONVOKE_CAPI_DELEGATESLOTS_H
 
 #define CONVOKE_DELEGATE_SLOTS(X)                                             \
   X(ParticipantAdded, participantAdded)                                       \
@@ -35,4 +35,4 @@ constexpr unsigned int kDelegateSlotCount = 0 CONVOKE_DELEGATE_SLOTS(CONVOKE_DEL
 
 }  // namespace Telmora
 
-#endif  // CONVOKE_MEETING_DELEGATESLOTS_H
+#endif  // CONVOKE_CAPI_DELEGATESLOTS_H
