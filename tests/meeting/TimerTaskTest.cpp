@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <future>
 #include <mutex>
 #include <set>
@@ -268,6 +269,31 @@ TEST_F(TimerTaskTest, ABufferAnnouncedDuringALeaveStartsNoTask) {
   }
   VideoEvents::sharedInstance()->stopTasks();
   Convoke::sharedInstance()->setDelegate(&delegate);
+}
+
+// A process that ends while frames are polled ends no differently: by the time the library is
+// unloaded no timer thread runs, polling or waiting out a stop. The check is an exit handler
+// registered before the first timer thread starts, so it runs after the library's own shutdown.
+void exitWhileFramesArePolled() {
+  std::atexit([] {
+    if (VideoTimerTask::runningThreads() != 0) std::_Exit(7);
+  });
+  Convoke::sharedInstance()->setDelegate(nullptr);
+  ktsim_set_frame_ready("v1", 1);
+  ktsim_deliver_sync(
+      KTSIM_VIDEO,
+      "<event name=\"video_stream_buffer_ready\"><stream id=\"v1\" pixel_buffer=\"1\"/></event>");
+  ktsim_deliver_sync(
+      KTSIM_VIDEO,
+      "<event name=\"video_stream_buffer_ready\"><stream id=\"v2\" pixel_buffer=\"2\"/></event>");
+  VideoEvents::sharedInstance()->stopTaskForStreamId("v2");  // waits out its stop
+  if (!waitUntil([] { return ktsim_frame_polls("v1") >= 2; })) std::_Exit(8);
+  std::exit(0);
+}
+
+TEST(TimerThreads, NoneIsLeftRunningWhenTheProcessExits) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(exitWhileFramesArePolled(), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
