@@ -308,8 +308,9 @@ static void drawTile(Gallery* g, const GalleryTile* t) {
     for (c = p->uuid; *c != '\0'; ++c) hash = hash * 33u + (unsigned char)*c;
     fill(g->renderer, &t->picture, 60 + (int)(hash % 60), 60 + (int)(hash / 60 % 60),
          70 + (int)(hash / 3600 % 60), 255);
-    initials[0] = p->name[0];
-    c = strchr(p->name, ' ');
+    const char* name = p->local ? g->selfName : p->name;
+    initials[0] = name[0];
+    c = strchr(name, ' ');
     if (c != NULL) initials[1] = c[1];
     drawText(g, g->bigFont, initials, kWhite, t->picture.x + t->picture.w / 2,
              t->picture.y + t->picture.h / 2 - 24, 1, t->picture.w);
