@@ -8,7 +8,9 @@
  *                [--server HOST] [--snapshot FILE.png] [--plain]
  *
  * On a terminal the view is redrawn a few times per second; otherwise (or with --plain) it prints
- * plain lines. --snapshot writes a mosaic of the last frame of every video stream as a PNG.
+ * plain lines. --snapshot writes a mosaic of the last frame of every video stream as a PNG. A value
+ * that does not parse or is out of range ends it with status 2 before it joins; a snapshot that
+ * cannot be written, with status 1.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -24,6 +26,7 @@
 
 #include "convoke/convoke.h"
 #include "demo_frame.h"
+#include "demo_options.h"
 #include "demo_register.h"
 
 #define MAX_PARTICIPANTS 64
@@ -360,56 +363,83 @@ static void draw(int redraw, double remaining) {
   pthread_mutex_unlock(&model.lock);
 }
 
-static void usage(const char* program) {
-  fprintf(stderr,
-          "usage: %s [--participants N] [--duration SECONDS] [--name NAME] [--meeting ID]\n"
-          "          [--server HOST] [--snapshot FILE.png] [--plain]\n",
-          program);
+/* Runs the live view until the duration is over or a signal arrives. */
+static void runView(double duration, int plain) {
+  const double start = now();
+  double lastTick = start, lastPlain = start;
+  while (!interrupted && now() - start < duration) {
+    const struct timespec pause = {0, 250 * 1000 * 1000};
+    const double t = now();
+    enablePendingStreams();
+    if (t - lastTick >= 1.0) {
+      tickRates(t - lastTick);
+      lastTick = t;
+    }
+    if (!plain) {
+      draw(1, duration - (t - start));
+    } else if (t - lastPlain >= 2.0) {
+      draw(0, duration - (t - start));
+      printf("\n");
+      lastPlain = t;
+    }
+    nanosleep(&pause, NULL);
+  }
+}
+
+static void printSummary(void) {
+  unsigned long frames = 0;
+  int streams = 0, i;
+  pthread_mutex_lock(&model.lock);
+  for (i = 0; i < MAX_STREAMS; ++i) {
+    if (model.streams[i].frames > 0) {
+      frames += model.streams[i].frames;
+      ++streams;
+    }
+  }
+  printf("\n%s. Summary: %lu arrivals, %lu departures, %lu events, %lu frames from %d streams.\n",
+         interrupted ? "Interrupted" : "Meeting over", model.arrivals, model.departures,
+         model.events, frames, streams);
+  pthread_mutex_unlock(&model.lock);
+}
+
+/* Writes the mosaic of every stream's last frame. Returns the process's exit status. */
+static int writeSnapshot(const char* path) {
+  const DemoImage* images[MAX_STREAMS];
+  int n = 0, i, status = DEMO_EXIT_OK;
+  pthread_mutex_lock(&model.lock);
+  for (i = 0; i < MAX_STREAMS; ++i) {
+    if (model.streams[i].last.pixels != NULL) images[n++] = &model.streams[i].last;
+  }
+  if (demo_write_mosaic(path, images, n) == 0) {
+    printf("snapshot of %d streams written to %s\n", n, path);
+  } else {
+    fprintf(stderr, "could not write %s: %s\n", path, strerror(errno));
+    status = DEMO_EXIT_FAILED;
+  }
+  pthread_mutex_unlock(&model.lock);
+  return status;
 }
 
 int main(int argc, char** argv) {
-  int participants = 0, duration = 20, plain = !isatty(STDOUT_FILENO), i;
-  const char* name = "Demo User";
-  const char* meeting = "demo";
-  const char* server = "localhost";
+  DemoMeetingOptions meeting = {"localhost", "demo", "Demo User", -1, 20};
   const char* snapshot = NULL;
-  char meetingId[256];
+  int plain = !isatty(STDOUT_FILENO), status;
+  char meetingId[512];
   struct sigaction action;
+  const DemoOption options[] = {
+      DEMO_MEETING_OPTIONS(meeting),
+      {"--snapshot", DEMO_OPTION_OUTPUT, &snapshot, 0, 0, "FILE.png"},
+      {"--plain", DEMO_OPTION_FLAG, &plain, 0, 0, NULL},
+  };
 
-  for (i = 1; i < argc; ++i) {
-    const char* arg = argv[i];
-    const char* value = i + 1 < argc ? argv[i + 1] : NULL;
-    if (strcmp(arg, "--plain") == 0) {
-      plain = 1;
-    } else if (value == NULL) {
-      usage(argv[0]);
-      return 2;
-    } else if (strcmp(arg, "--participants") == 0) {
-      participants = atoi(value), ++i;
-    } else if (strcmp(arg, "--duration") == 0) {
-      duration = atoi(value), ++i;
-    } else if (strcmp(arg, "--name") == 0) {
-      name = value, ++i;
-    } else if (strcmp(arg, "--meeting") == 0) {
-      meeting = value, ++i;
-    } else if (strcmp(arg, "--server") == 0) {
-      server = value, ++i;
-    } else if (strcmp(arg, "--snapshot") == 0) {
-      snapshot = value, ++i;
-    } else {
-      usage(argv[0]);
-      return 2;
-    }
-  }
-  /* The simulated engines read the meeting's size from the identifier's query part. */
-  if (participants > 0) {
-    snprintf(meetingId, sizeof meetingId, "%s?participants=%d", meeting, participants);
-  } else {
-    snprintf(meetingId, sizeof meetingId, "%s", meeting);
+  status = demo_parse_options(argc, argv, options, (int)(sizeof options / sizeof *options));
+  if (status != DEMO_EXIT_OK) return status;
+  if (demo_meeting_id(&meeting, meetingId, sizeof meetingId) != 0) {
+    fprintf(stderr, "convoke-demo: --meeting is too long\n");
+    return DEMO_EXIT_USAGE;
   }
   pthread_mutex_init(&model.lock, NULL);
   model.wantSnapshot = snapshot != NULL;
-
   memset(&action, 0, sizeof action);
   action.sa_handler = onSignal;
   sigaction(SIGINT, &action, NULL);
@@ -417,66 +447,17 @@ int main(int argc, char** argv) {
 
   ConvokeInitialize();
   registerCallbacks();
-  printf("joining %s on %s as %s\n", meetingId, server, name);
-  joinMeeting(server, meetingId, "demo-meeting-key", "", name, onJoined);
+  printf("joining %s on %s as %s\n", meetingId, meeting.server, meeting.name);
+  joinMeeting(meeting.server, meetingId, "demo-meeting-key", "", meeting.name, onJoined);
   if (joinResult != 1) {
     fprintf(stderr, "could not join the meeting\n");
-    return 1;
+    return DEMO_EXIT_FAILED;
   }
   pickDevices();
-
-  {
-    const double start = now();
-    double lastTick = start, lastPlain = start;
-    while (!interrupted && now() - start < duration) {
-      const struct timespec pause = {0, 250 * 1000 * 1000};
-      const double t = now();
-      enablePendingStreams();
-      if (t - lastTick >= 1.0) {
-        tickRates(t - lastTick);
-        lastTick = t;
-      }
-      if (!plain) {
-        draw(1, duration - (t - start));
-      } else if (t - lastPlain >= 2.0) {
-        draw(0, duration - (t - start));
-        printf("\n");
-        lastPlain = t;
-      }
-      nanosleep(&pause, NULL);
-    }
-  }
-
+  runView(meeting.duration, plain);
   exitMeeting();
-  {
-    unsigned long frames = 0;
-    int streams = 0;
-    pthread_mutex_lock(&model.lock);
-    for (i = 0; i < MAX_STREAMS; ++i) {
-      if (model.streams[i].frames > 0) {
-        frames += model.streams[i].frames;
-        ++streams;
-      }
-    }
-    printf("\n%s. Summary: %lu arrivals, %lu departures, %lu events, %lu frames from %d streams.\n",
-           interrupted ? "Interrupted" : "Meeting over", model.arrivals, model.departures,
-           model.events, frames, streams);
-    pthread_mutex_unlock(&model.lock);
-  }
-  if (snapshot != NULL) {
-    const DemoImage* images[MAX_STREAMS];
-    int n = 0;
-    pthread_mutex_lock(&model.lock);
-    for (i = 0; i < MAX_STREAMS; ++i) {
-      if (model.streams[i].last.pixels != NULL) images[n++] = &model.streams[i].last;
-    }
-    if (demo_write_mosaic(snapshot, images, n) == 0) {
-      printf("snapshot of %d streams written to %s\n", n, snapshot);
-    } else {
-      fprintf(stderr, "could not write %s: %s\n", snapshot, strerror(errno));
-    }
-    pthread_mutex_unlock(&model.lock);
-  }
+  printSummary();
+  status = snapshot != NULL ? writeSnapshot(snapshot) : DEMO_EXIT_OK;
   ConvokeDeallocate();
-  return 0;
+  return status;
 }

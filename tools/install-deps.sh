@@ -5,13 +5,17 @@
 #   bash tools/install-deps.sh           the build, the tests and the demo on the simulated engines
 #   bash tools/install-deps.sh --live    also the open engines and the meeting server for real
 #                                        meetings (about 1 GB more)
+#   bash tools/install-deps.sh --gui     also convoke-gallery's window (SDL2, SDL2_ttf, a font) and
+#                                        Xvfb for its tests (the options may be combined)
 set -euo pipefail
 
 live=false
+gui=false
 for argument in "$@"; do
   case "$argument" in
     --live) live=true ;;
-    *) echo "usage: tools/install-deps.sh [--live]" >&2; exit 2 ;;
+    --gui) gui=true ;;
+    *) echo "usage: tools/install-deps.sh [--live] [--gui]" >&2; exit 2 ;;
   esac
 done
 
@@ -32,6 +36,13 @@ if $live; then
     libsoup-3.0-dev libjson-glib-dev                # the server's HTTP API
     gstreamer1.0-plugins-base-apps gstreamer1.0-tools  # gst-device-monitor-1.0, gst-inspect-1.0
     iproute2 util-linux curl                        # tools/meeting-server: namespace, veth, probes
+  )
+fi
+
+if $gui; then
+  packages+=(
+    libsdl2-dev libsdl2-ttf-dev fonts-dejavu-core   # convoke-gallery: window, text, font
+    xvfb xauth                                      # its tests: a display without a screen
   )
 fi
 

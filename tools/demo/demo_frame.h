@@ -17,4 +17,8 @@ void demo_image_free(DemoImage* image);
 /* Writes the images side by side in a grid as one PNG file. Returns 0, or -1 with errno set. */
 int demo_write_mosaic(const char* path, const DemoImage* const* images, int count);
 
+/* Writes width x height 8-bit RGB pixels (rows packed) as a PNG file. Returns 0, or -1 with errno
+ * set. */
+int demo_write_png(const char* path, int width, int height, const unsigned char* pixels);
+
 #endif /* CONVOKE_DEMO_FRAME_H */

@@ -54,20 +54,15 @@ static int encode(FILE* file, int width, int height, png_bytep* rows) {
 }
 
 int demo_write_mosaic(const char* path, const DemoImage* const* images, int count) {
-  int columns = 1, rows, i, width, height, status = -1;
+  int columns = 1, rows, i, width, height, status;
   unsigned char* canvas;
-  png_bytep* rowPointers;
-  FILE* file;
 
   while (columns * columns < count) ++columns;
   rows = count == 0 ? 1 : (count + columns - 1) / columns;
   width = columns * (kTileWidth + kGap) + kGap;
   height = rows * (kTileHeight + kGap) + kGap;
   canvas = calloc((size_t)width * height, 3);
-  rowPointers = malloc(sizeof(png_bytep) * (size_t)height);
-  if (canvas == NULL || rowPointers == NULL) {
-    free(canvas);
-    free(rowPointers);
+  if (canvas == NULL) {
     errno = ENOMEM;
     return -1;
   }
@@ -75,15 +70,26 @@ int demo_write_mosaic(const char* path, const DemoImage* const* images, int coun
     drawTile(canvas, width, kGap + (i % columns) * (kTileWidth + kGap),
              kGap + (i / columns) * (kTileHeight + kGap), images[i]);
   }
-  for (i = 0; i < height; ++i) rowPointers[i] = canvas + (size_t)i * width * 3;
+  status = demo_write_png(path, width, height, canvas);
+  free(canvas);
+  return status;
+}
 
+int demo_write_png(const char* path, int width, int height, const unsigned char* pixels) {
+  png_bytep* rows = malloc(sizeof(png_bytep) * (size_t)height);
+  int i, status = -1;
+  FILE* file;
+  if (rows == NULL) {
+    errno = ENOMEM;
+    return -1;
+  }
+  for (i = 0; i < height; ++i) rows[i] = (png_bytep)(pixels + (size_t)i * width * 3);
   file = fopen(path, "wb");
   if (file != NULL) {
-    status = encode(file, width, height, rowPointers);
+    status = encode(file, width, height, rows);
     if (status != 0) errno = EIO;
     if (fclose(file) != 0) status = -1;
   }
-  free(rowPointers);
-  free(canvas);
+  free(rows);
   return status;
 }
