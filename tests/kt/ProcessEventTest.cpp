@@ -27,6 +27,24 @@ pid_t ForkChild(bool exitAtOnce) {
   return pid;
 }
 
+// A child that exits once the returned descriptor is closed: until then any poll of it finds it
+// running, however the processes are scheduled.
+pid_t ForkHeldChild(int* release) {
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[1]);
+    char byte;
+    while (read(fds[0], &byte, 1) < 0 && errno == EINTR) {
+    }
+    _exit(0);
+  }
+  close(fds[0]);
+  *release = fds[1];
+  return pid;
+}
+
 // Blocks until the child has ended, leaving it unreaped.
 bool AwaitExitWithoutReaping(pid_t pid) {
   siginfo_t info{};
@@ -92,7 +110,9 @@ TEST_F(ProcessEventTest, PollReapsAnEndedChildAndStaysSignalled) {
 }
 
 TEST_F(ProcessEventTest, RegisteredEventWaitsIdleUntilOnSigChld) {
-  const pid_t pid = ForkChild(true);
+  // Registering polls the child, which reaps it if it has already ended: it ends only afterwards.
+  int release = -1;
+  const pid_t pid = ForkHeldChild(&release);
   ASSERT_GT(pid, 0);
   Dispatch dispatch;
   ProcessEvent event(pid);
@@ -102,6 +122,7 @@ TEST_F(ProcessEventTest, RegisteredEventWaitsIdleUntilOnSigChld) {
     d->UnregisterEvent(e);  // it would stay signalled
   });
   ASSERT_TRUE(dispatch.RegisterEvent(&event, &callback, false));
+  close(release);
   ASSERT_TRUE(AwaitExitWithoutReaping(pid));
   // The child has ended, but nobody told the dispatcher.
   EXPECT_EQ(dispatch.Wait(30), 0);

@@ -381,7 +381,7 @@ TEST_F(ScriptedMeeting, EnablingTheCameraAnnouncesALocalStreamAndDisablingRemove
 }
 
 // Renders a stream from inside the video callback, as a host does from its delegate.
-TEST_F(ScriptedMeeting, FramesOfARenderedStreamArriveAtItsFrameRate) {
+TEST_F(ScriptedMeeting, FramesOfARenderedStreamArriveInOrderAndNoFasterThanItsFrameRate) {
   std::atomic<int> renders{0};
   recorder().hook = [&](ktsim_engine engine, const std::string& xml) {
     if (engine == KTSIM_VIDEO && EventName(xml) == "video_site_changed" && renders++ < 2) {
@@ -500,7 +500,7 @@ TEST_F(ScriptedMeeting, SoundsEndWithAPlaybackEventNamingTheirData) {
   ASSERT_TRUE(AudioStopSound(long_sound));
   // Long before its ten seconds are over.
   ASSERT_TRUE(WaitFor("binary_playback_ended", 1, std::chrono::seconds(5)));
-  EXPECT_FALSE(AudioStopSound(long_sound));          // no longer playing
+  EXPECT_FALSE(AudioStopSound(long_sound));  // no longer playing
   EXPECT_FALSE(AudioPlaySound(nullptr, 10, ""));
 }
 
