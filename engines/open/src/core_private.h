@@ -32,6 +32,7 @@
 #include "event_queue.h"
 #include "janus.h"
 #include "media.h"
+#include "sounds.h"
 #include "worker.h"
 
 namespace ktopen {
@@ -86,6 +87,8 @@ class Core {
   const char* GetState(EngineId engine);
   bool Refuse(EngineId engine, const std::string& why);
   int FrameReady(const std::string& id);
+  bool PlaySound(const char* data, unsigned long size);
+  bool StopSound(const char* data);
   void Trace(EngineId engine, unsigned level, const std::string& text);
   void Exit();
 
@@ -127,6 +130,8 @@ class Core {
   bool Render(const Node& s, bool apply, std::string* error);
   double GainLocked(const std::string& audio_id) const;
 
+  SoundPlayer& Sounds();
+
   EventQueue queues_[2];
 
   std::mutex emit_mutex_;
@@ -150,6 +155,7 @@ class Core {
   std::map<std::string, std::shared_ptr<FrameSlot>> videos_;  // remote video streams present
   std::map<std::string, int> levels_;                         // audio stream -> amplitude
   std::string local_video_id_;                                // announced local camera stream
+  std::unique_ptr<SoundPlayer> sounds_;                       // made with the first sound
 
   // The worker's own state.
   Worker worker_;
