@@ -116,6 +116,13 @@ int FrameReady(const char* stream_id) noexcept {
   }
 }
 
+void SetOrientation(int degrees) noexcept {
+  try {
+    Core::Get().SetOrientation(degrees);
+  } catch (...) {
+  }
+}
+
 bool PlaySound(const char* data, unsigned long size) noexcept {
   try {
     return Core::Get().PlaySound(data, size);

@@ -108,6 +108,7 @@ void Core::ApplyDevice(Device::Kind kind, const Device& device, const DeviceSett
     worker_.Post([=] {
       if (publisher_) publisher_->SetMicrophone(mic, mic_on, level);
     });
+    if (has_enable) worker_.Post([this] { AnnouncePresence(); });  // muted or not
   } else if (kind == Device::kSpeaker) {
     if (has_enable && (on || id == speaker_)) speaker_on_ = on, speaker_ = id;
     if (volume >= 0 && id == speaker_) speaker_volume_ = static_cast<int>(volume);
@@ -120,6 +121,7 @@ void Core::ApplyDevice(Device::Kind kind, const Device& device, const DeviceSett
     const bool camera_on = camera_on_;
     int w = 640, h = 480, fps = 30;
     ProfileSize(profile_, &w, &h, &fps);
+    const Presence stated = LocalPresenceLocked();  // the size as sent: turned with the camera
     // The local camera is a stream of the local participant while the meeting runs.
     std::string announce, remove;
     if (joined_ && camera_on && local_video_id_.empty()) {
@@ -127,8 +129,9 @@ void Core::ApplyDevice(Device::Kind kind, const Device& device, const DeviceSett
       announce = StreamEvent("video_site_changed", local_video_id_,
                              Tag("email", uuid_) + Tag("site", display_) + Tag("name", camera) +
                                  Tag("device_name", device.name) + Tag("codecName", profile_) +
-                                 Tag("local", "true") + Tag("active", "true") + Tag("layout", 0) +
-                                 Tag("width", w) + Tag("height", h));
+                                 Tag("local", "true") + Tag("active", "true") +
+                                 Tag("layout", stated.layout) + Tag("width", stated.width) +
+                                 Tag("height", stated.height));
     } else if (!camera_on && !local_video_id_.empty()) {
       remove = StreamEvent("video_stream_removed", local_video_id_, "");
       local_video_id_.clear();
@@ -138,6 +141,7 @@ void Core::ApplyDevice(Device::Kind kind, const Device& device, const DeviceSett
     if (!remove.empty()) Emit(kVideo, remove);
     worker_.Post([=] {
       if (publisher_) publisher_->SetCamera(camera, camera_on, w, h, fps);
+      if (!settings.profile.empty()) AnnouncePresence();  // the size may have changed
     });
   }
 }

@@ -32,6 +32,7 @@
 #include "event_queue.h"
 #include "janus.h"
 #include "media.h"
+#include "presence.h"
 #include "sounds.h"
 #include "worker.h"
 
@@ -68,6 +69,8 @@ struct Remote {
   std::unique_ptr<Subscriber> peer;
   std::shared_ptr<FrameSlot> slot;
   PeerStats last;
+  Presence presence;   // as the publisher last stated it
+  bool extra = false;  // a further video stream of presence.owner (no audio of its own)
 };
 
 class Core {
@@ -87,6 +90,7 @@ class Core {
   const char* GetState(EngineId engine);
   bool Refuse(EngineId engine, const std::string& why);
   int FrameReady(const std::string& id);
+  void SetOrientation(int degrees);
   bool PlaySound(const char* data, unsigned long size);
   bool StopSound(const char* data);
   void Trace(EngineId engine, unsigned level, const std::string& text);
@@ -114,6 +118,10 @@ class Core {
   bool Subscribe(Remote* remote, std::string* error);
   void RemoveRemote(const std::string& feed);
   void ApplyPlayback();
+  // The local participant's state as the others see it, and its announcement to the room.
+  Presence LocalPresenceLocked() const;
+  void AnnouncePresence();
+  void OnPresence(const std::string& feed, const std::string& display);
   void Tick();
   void Conditions();
 
@@ -154,8 +162,10 @@ class Core {
   std::set<std::string> audio_ids_;                           // announced in this process
   std::map<std::string, std::shared_ptr<FrameSlot>> videos_;  // remote video streams present
   std::map<std::string, int> levels_;                         // audio stream -> amplitude
-  std::string local_video_id_;                                // announced local camera stream
-  std::unique_ptr<SoundPlayer> sounds_;                       // made with the first sound
+  std::map<std::string, bool> muted_;                         // audio stream -> muted by its sender
+  int rotation_ = 0;                     // the camera's picture turned clockwise, in degrees
+  std::string local_video_id_;           // announced local camera stream
+  std::unique_ptr<SoundPlayer> sounds_;  // made with the first sound
 
   // The worker's own state.
   Worker worker_;

@@ -347,7 +347,7 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
       "videorate name=video_in ! queue leaky=downstream max-size-buffers=2 "
       "max-size-bytes=0 max-size-time=0 ! videoconvert ! videoscale ! "
       "capsfilter name=camcaps caps=video/x-raw,width=%d,height=%d,framerate=%d/1 ! "
-      "vp8enc deadline=1 threads=1 cpu-used=16 static-threshold=100 target-bitrate=500000 "
+      "videoflip name=rotate method=none ! vp8enc deadline=1 threads=1 cpu-used=16 static-threshold=100 target-bitrate=500000 "
       "keyframe-max-dist=60 ! rtpvp8pay pt=96 ! "
       "application/x-rtp,media=video,encoding-name=VP8,payload=96,clock-rate=90000,"
       "ssrc=(uint)%u ! webrtc_v.",
@@ -472,6 +472,18 @@ void Publisher::SetCamera(const std::string& id, bool enabled, int width, int he
   }
 }
 
+void Publisher::SetRotation(int degrees) {
+  if (!pipeline_ || stopped_) return;
+  GstElement* rotate = gst_bin_get_by_name(GST_BIN(pipeline_), "rotate");
+  if (!rotate) return;
+  const char* method = degrees == 90    ? "clockwise"
+                       : degrees == 180 ? "rotate-180"
+                       : degrees == 270 ? "counterclockwise"
+                                        : "none";
+  gst_util_set_object_arg(G_OBJECT(rotate), "method", method);
+  gst_object_unref(rotate);
+}
+
 // ---- Frames ------------------------------------------------------------------------------------
 
 namespace {
@@ -522,11 +534,15 @@ ktengine_frame* FrameSlot::Start(const std::string& stream_id, ktengine_pixel_fo
   height = std::clamp(height, 1, kMaxSide);
   std::lock_guard<std::mutex> write(write_mutex_);
   std::lock_guard<std::mutex> lock(mutex_);
-  if (frame_ && (frame_->max_width < width || frame_->max_height < height)) {
+  // Room for the picture turned on its side too (up to a side of 1280), so that a sender's
+  // camera turned to portrait still fits at the same address.
+  const int room_w = std::max(width, std::min(height, 1280));
+  const int room_h = std::max(height, std::min(width, 1280));
+  if (frame_ && (frame_->max_width < room_w || frame_->max_height < room_h)) {
     ReleaseFrame(frame_);
     frame_ = nullptr;
   }
-  if (!frame_) frame_ = AcquireFrame(width, height);
+  if (!frame_) frame_ = AcquireFrame(room_w, room_h);
   __atomic_add_fetch(&frame_->sequence, 1, __ATOMIC_ACQ_REL);
   frame_->format = format;
   frame_->bytes_per_pixel = BytesPerPixel(format);
@@ -546,6 +562,28 @@ void FrameSlot::Stop() {
   std::lock_guard<std::mutex> lock(mutex_);
   rendering_ = false;
   fresh_ = false;
+}
+
+bool FrameSlot::Follow(int from_w, int from_h, int to_w, int to_h, int* width, int* height,
+                       ktengine_pixel_format* format) {
+  std::lock_guard<std::mutex> write(write_mutex_);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!rendering_ || !frame_ || frame_->width != from_w || frame_->height != from_h) return false;
+  if (to_w < 1 || to_h < 1) return false;
+  const double fit =
+      std::min({1.0, static_cast<double>(frame_->max_width) / to_w,
+                static_cast<double>(frame_->max_height) / to_h});
+  ktengine_frame* f = frame_;
+  __atomic_add_fetch(&f->sequence, 1, __ATOMIC_ACQ_REL);
+  f->width = std::max(1, static_cast<int>(to_w * fit));
+  f->height = std::max(1, static_cast<int>(to_h * fit));
+  f->stride = f->width * f->bytes_per_pixel;
+  __atomic_add_fetch(&f->sequence, 1, __ATOMIC_RELEASE);
+  *width = f->width;
+  *height = f->height;
+  *format = static_cast<ktengine_pixel_format>(f->format);
+  fresh_ = false;
+  return true;
 }
 
 bool FrameSlot::rendering() const {

@@ -104,6 +104,8 @@ class Publisher : public Peer {
   // Switches the source in place (a new device, or on and off); volume 0..100.
   void SetMicrophone(const std::string& id, bool enabled, int volume);
   void SetCamera(const std::string& id, bool enabled, int width, int height, int fps);
+  // Turns the sent picture clockwise by 0, 90, 180 or 270 degrees.
+  void SetRotation(int degrees);
 
  private:
   void Swap(GstElement** current, GstElement* replacement, const char* downstream);
@@ -133,6 +135,10 @@ class FrameSlot {
                         int height);
   void Stop();
   bool rendering() const;
+  // When rendering at from_w x from_h: switches to to_w x to_h (scaled down to fit the
+  // descriptor, whose address stays), and gives the new size and format. False otherwise.
+  bool Follow(int from_w, int from_h, int to_w, int to_h, int* width, int* height,
+              ktengine_pixel_format* format);
   // A decoded frame in the rendering format, `stride` bytes per row.
   void Offer(const uint8_t* pixels, int width, int height, int stride);
   // Writes the newest frame into the descriptor: 1 when there was one since the last call.
