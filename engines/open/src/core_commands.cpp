@@ -126,6 +126,7 @@ void Core::ApplyDevice(Device::Kind kind, const Device& device, const DeviceSett
     std::string announce, remove;
     if (joined_ && camera_on && local_video_id_.empty()) {
       local_video_id_ = "local/video";
+      videos_[local_video_id_] = self_view_;
       announce = StreamEvent("video_site_changed", local_video_id_,
                              Tag("email", uuid_) + Tag("site", display_) + Tag("name", camera) +
                                  Tag("device_name", device.name) + Tag("codecName", profile_) +
@@ -134,7 +135,12 @@ void Core::ApplyDevice(Device::Kind kind, const Device& device, const DeviceSett
                                  Tag("height", stated.height));
     } else if (!camera_on && !local_video_id_.empty()) {
       remove = StreamEvent("video_stream_removed", local_video_id_, "");
+      videos_.erase(local_video_id_);
+      self_view_->Stop();
       local_video_id_.clear();
+      worker_.Post([this] {
+        if (publisher_) publisher_->StopSelf();
+      });
     }
     lock.unlock();
     if (!announce.empty()) Emit(kVideo, announce);
@@ -194,9 +200,6 @@ bool Core::Render(const Node& s, bool apply, std::string* error) {
   std::shared_ptr<FrameSlot> slot;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!local_video_id_.empty() && *id == local_video_id_) {
-      return Fail(error, "Rendering the local camera is not supported by the open engines yet");
-    }
     auto it = videos_.find(*id);
     if (it == videos_.end()) return Fail(error, "Unknown video stream '" + *id + "'");
     slot = it->second;
@@ -210,7 +213,9 @@ bool Core::Render(const Node& s, bool apply, std::string* error) {
     if (apply) {
       slot->Stop();
       const std::string feed = id->substr(0, id->rfind('/'));
-      worker_.Post([this, feed] {
+      const bool self = slot == self_view_;
+      worker_.Post([this, feed, self] {
+        if (self && publisher_) publisher_->StopSelf();
         auto it = remotes_.find(feed);
         if (it != remotes_.end() && it->second->peer) it->second->peer->StopRender();
       });
@@ -237,7 +242,9 @@ bool Core::Render(const Node& s, bool apply, std::string* error) {
   ktengine_frame* frame =
       slot->Start(*id, format, static_cast<int>(width), static_cast<int>(height));
   const std::string feed = id->substr(0, id->rfind('/'));
+  const bool self = slot == self_view_;
   worker_.Post([=] {
+    if (self && publisher_) publisher_->RenderSelf(slot.get(), format, frame->width, frame->height);
     auto it = remotes_.find(feed);
     if (it != remotes_.end() && it->second->peer) {
       it->second->peer->Render(slot.get(), format, frame->width, frame->height);

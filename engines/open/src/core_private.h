@@ -163,8 +163,9 @@ class Core {
   std::map<std::string, std::shared_ptr<FrameSlot>> videos_;  // remote video streams present
   std::map<std::string, int> levels_;                         // audio stream -> amplitude
   std::map<std::string, bool> muted_;                         // audio stream -> muted by its sender
-  int rotation_ = 0;                     // the camera's picture turned clockwise, in degrees
-  std::string local_video_id_;           // announced local camera stream
+  int rotation_ = 0;            // the camera's picture turned clockwise, in degrees
+  std::string local_video_id_;  // announced local camera stream
+  std::shared_ptr<FrameSlot> self_view_ = std::make_shared<FrameSlot>();  // the local camera's
   std::unique_ptr<SoundPlayer> sounds_;  // made with the first sound
 
   // The worker's own state.

@@ -149,6 +149,7 @@ void Core::Leave() {
   videos_.clear();
   levels_.clear();
   muted_.clear();
+  self_view_->Stop();
   local_video_id_.clear();
 }
 
