@@ -99,10 +99,16 @@ static void onAdded(const char* uuid) {
 }
 
 static void onVideoAdded(const char* uuid, const char* id) {
-  const char* codec = NULL;
-  const char* name = NULL;
-  getVideoInfoString(id, InfoKeyCodecName, &codec);
-  getVideoInfoString(id, InfoKeyName, &name);
+  /* Each getVideoInfoString overwrites the text of the one before: copy each at once. */
+  const char* text = NULL;
+  char codecText[TEXT] = "", nameText[TEXT] = "";
+  getVideoInfoString(id, InfoKeyCodecName, &text);
+  snprintf(codecText, TEXT, "%s", text ? text : "");
+  text = NULL;
+  getVideoInfoString(id, InfoKeyName, &text);
+  snprintf(nameText, TEXT, "%s", text ? text : "");
+  const char* codec = codecText;
+  const char* name = nameText;
   const int w = getVideoInfoInt(id, InfoKeyWidth), h = getVideoInfoInt(id, InfoKeyHeight);
   const int layout = getVideoInfoInt(id, InfoKeyLayout);
   pthread_mutex_lock(&m.lock);
@@ -116,8 +122,7 @@ static void onVideoAdded(const char* uuid, const char* id) {
   }
   pthread_mutex_unlock(&m.lock);
   say("video added %s of %s: name '%s', codec '%s', %dx%d, layout %d, screen share %s", id, uuid,
-      name ? name : "", codec ? codec : "", w, h, layout,
-      codec && isScreenShare(codec) ? "yes" : "no");
+      name, codec, w, h, layout, isScreenShare(codec) ? "yes" : "no");
 }
 
 static void onVideoRemoved(const char* uuid, const char* id) {
