@@ -30,10 +30,8 @@ KT_ENGINE_API void AudioTraceSetMessageCallback(EngineTraceCallback callback) {
   core::TraceSetMessageCallback(kAudio, callback);
 }
 
-KT_ENGINE_API bool AudioPlaySound(const char*, unsigned long, const char*) {
-  return core::Refuse(kAudio, "Sounds are not supported by the open engines yet");
+KT_ENGINE_API bool AudioPlaySound(const char* data, unsigned long size, const char*) {
+  return core::PlaySound(data, size);
 }
 
-KT_ENGINE_API bool AudioStopSound(const char*) {
-  return core::Refuse(kAudio, "Sounds are not supported by the open engines yet");
-}
+KT_ENGINE_API bool AudioStopSound(const char* data) { return core::StopSound(data); }

@@ -30,6 +30,6 @@ KT_ENGINE_API void VideoTraceSetMessageCallback(EngineTraceCallback callback) {
   core::TraceSetMessageCallback(kVideo, callback);
 }
 
-KT_ENGINE_API void VideoSetDeviceOrientation(int) {}
+KT_ENGINE_API void VideoSetDeviceOrientation(int orientation) { core::SetOrientation(orientation); }
 
 KT_ENGINE_API int VideoFrameReady(const char* streamId) { return core::FrameReady(streamId); }

@@ -5,6 +5,7 @@
 #   run-live.sh server            tools/meeting-server around server-check.sh (the rig alone)
 #   run-live.sh meeting ENGINES   tools/live-meeting; ENGINES is "open" when the build holds the
 #                                 open engines
+#   run-live.sh features ENGINES  tools/live-features (three hosts), likewise
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
@@ -21,10 +22,12 @@ case "$mode" in
           verdict="server check: ok" ;;
   meeting) command=("$root/tools/live-meeting")
            verdict="live meeting: ok" ;;
-  *) echo "usage: run-live.sh server | meeting ENGINES" >&2; exit 2 ;;
+  features) command=("$root/tools/live-features")
+            verdict="live features: ok" ;;
+  *) echo "usage: run-live.sh server | meeting ENGINES | features ENGINES" >&2; exit 2 ;;
 esac
 
-if [ "$mode" = meeting ] && [ "$engines" != open ]; then
+if [ "$mode" != server ] && [ "$engines" != open ]; then
   skip "the open engines were not built (configure with -DCONVOKE_ENGINES=open after bash tools/install-deps.sh --live)"
 fi
 [ "$(id -u)" -eq 0 ] || skip "needs root for a private network namespace"

@@ -51,12 +51,13 @@ TEST(FrameSlot, TakeWritesTheNewestOfferedFrameOnceWithoutRowPadding) {
   }
   EXPECT_EQ(slot.Take(), 0);  // no new frame since
 
-  // A frame larger than the descriptor is cut to it; a smaller one shrinks the picture.
-  std::vector<uint8_t> big(8 * 3 * 4, 7);
-  slot.Offer(big.data(), 8, 4, 8 * 3);
+  // A frame larger than the descriptor (square, of the larger side) is cut to it; a smaller one
+  // shrinks the picture.
+  std::vector<uint8_t> big(8 * 3 * 6, 7);
+  slot.Offer(big.data(), 8, 6, 8 * 3);
   ASSERT_EQ(slot.Take(), 1);
   EXPECT_EQ(frame->width, 4);
-  EXPECT_EQ(frame->height, 2);
+  EXPECT_EQ(frame->height, 4);
   std::vector<uint8_t> small(3 * 3, 9);
   slot.Offer(small.data(), 3, 1, 9);
   ASSERT_EQ(slot.Take(), 1);
@@ -72,6 +73,26 @@ TEST(FrameSlot, TakeWritesTheNewestOfferedFrameOnceWithoutRowPadding) {
   EXPECT_EQ(slot.Take(), 0);
 }
 
+TEST(FrameSlot, FollowsTheSendersSizeAtTheSameAddressOnlyWhenRenderedAtItsSize) {
+  FrameSlot slot;
+  ktengine_pixel_format format = KTENGINE_RGB888;
+  int width = 0, height = 0;
+  EXPECT_FALSE(slot.Follow(640, 480, 480, 640, &width, &height, &format));  // not rendering
+  ktengine_frame* frame = slot.Start("feed/video", KTENGINE_BGRA8888, 640, 480);
+  EXPECT_FALSE(slot.Follow(320, 240, 480, 640, &width, &height, &format));  // a window of its own
+  ASSERT_TRUE(slot.Follow(640, 480, 480, 640, &width, &height, &format));   // turned on its side
+  EXPECT_EQ(width, 480);
+  EXPECT_EQ(height, 640);
+  EXPECT_EQ(format, KTENGINE_BGRA8888);
+  EXPECT_EQ(frame->width, 480);
+  EXPECT_EQ(frame->stride, 480 * 4);
+  ASSERT_TRUE(slot.Follow(480, 640, 1280, 720, &width, &height, &format));  // scaled to fit
+  EXPECT_EQ(width, 640);
+  EXPECT_EQ(height, 360);
+  EXPECT_EQ(frame->height, 360);
+  EXPECT_EQ(frame->magic, KTENGINE_FRAME_MAGIC);
+}
+
 TEST(FrameSlot, DescriptorsAreReusedNeverFreed) {
   ktengine_frame* first = nullptr;
   {
@@ -81,7 +102,8 @@ TEST(FrameSlot, DescriptorsAreReusedNeverFreed) {
     // Restarting smaller keeps the descriptor; the counter starts again.
     EXPECT_EQ(slot.Start("a/video", KTENGINE_RGBA8888, 32, 24), first);
     EXPECT_EQ(first->frame_number, 0u);
-    EXPECT_EQ(first->max_width, 64);
+    EXPECT_GE(first->max_width, 64);
+    EXPECT_GE(first->max_height, 64);  // room for the picture turned on its side
   }
   // The slot is gone but its descriptor stays readable, and a later stream may take it over.
   EXPECT_EQ(first->magic, KTENGINE_FRAME_MAGIC);

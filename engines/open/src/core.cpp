@@ -116,5 +116,28 @@ int FrameReady(const char* stream_id) noexcept {
   }
 }
 
+void SetOrientation(int degrees) noexcept {
+  try {
+    Core::Get().SetOrientation(degrees);
+  } catch (...) {
+  }
+}
+
+bool PlaySound(const char* data, unsigned long size) noexcept {
+  try {
+    return Core::Get().PlaySound(data, size);
+  } catch (...) {
+    return Core::Get().Refuse(kAudio, "Internal error while playing a sound");
+  }
+}
+
+bool StopSound(const char* data) noexcept {
+  try {
+    return Core::Get().StopSound(data);
+  } catch (...) {
+    return Core::Get().Refuse(kAudio, "Internal error while stopping a sound");
+  }
+}
+
 }  // namespace core
 }  // namespace ktopen

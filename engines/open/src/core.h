@@ -32,6 +32,11 @@ KTOPEN_API void SetTraceLevel(EngineId engine, int level) noexcept;
 KTOPEN_API void TraceSetMessageCallback(EngineId engine, EngineTraceCallback callback) noexcept;
 KTOPEN_API bool Refuse(EngineId engine, const char* what) noexcept;
 KTOPEN_API int FrameReady(const char* stream_id) noexcept;
+// VideoSetDeviceOrientation: degrees clockwise, to the nearest quarter turn.
+KTOPEN_API void SetOrientation(int degrees) noexcept;
+// AudioPlaySound and AudioStopSound: the bytes are read before PlaySound returns.
+KTOPEN_API bool PlaySound(const char* data, unsigned long size) noexcept;
+KTOPEN_API bool StopSound(const char* data) noexcept;
 
 }  // namespace core
 }  // namespace ktopen

@@ -108,6 +108,7 @@ void Core::ApplyDevice(Device::Kind kind, const Device& device, const DeviceSett
     worker_.Post([=] {
       if (publisher_) publisher_->SetMicrophone(mic, mic_on, level);
     });
+    if (has_enable) worker_.Post([this] { AnnouncePresence(); });  // muted or not
   } else if (kind == Device::kSpeaker) {
     if (has_enable && (on || id == speaker_)) speaker_on_ = on, speaker_ = id;
     if (volume >= 0 && id == speaker_) speaker_volume_ = static_cast<int>(volume);
@@ -120,24 +121,33 @@ void Core::ApplyDevice(Device::Kind kind, const Device& device, const DeviceSett
     const bool camera_on = camera_on_;
     int w = 640, h = 480, fps = 30;
     ProfileSize(profile_, &w, &h, &fps);
+    const Presence stated = LocalPresenceLocked();  // the size as sent: turned with the camera
     // The local camera is a stream of the local participant while the meeting runs.
     std::string announce, remove;
     if (joined_ && camera_on && local_video_id_.empty()) {
       local_video_id_ = "local/video";
+      videos_[local_video_id_] = self_view_;
       announce = StreamEvent("video_site_changed", local_video_id_,
                              Tag("email", uuid_) + Tag("site", display_) + Tag("name", camera) +
                                  Tag("device_name", device.name) + Tag("codecName", profile_) +
-                                 Tag("local", "true") + Tag("active", "true") + Tag("layout", 0) +
-                                 Tag("width", w) + Tag("height", h));
+                                 Tag("local", "true") + Tag("active", "true") +
+                                 Tag("layout", stated.layout) + Tag("width", stated.width) +
+                                 Tag("height", stated.height));
     } else if (!camera_on && !local_video_id_.empty()) {
       remove = StreamEvent("video_stream_removed", local_video_id_, "");
+      videos_.erase(local_video_id_);
+      self_view_->Stop();
       local_video_id_.clear();
+      worker_.Post([this] {
+        if (publisher_) publisher_->StopSelf();
+      });
     }
     lock.unlock();
     if (!announce.empty()) Emit(kVideo, announce);
     if (!remove.empty()) Emit(kVideo, remove);
     worker_.Post([=] {
       if (publisher_) publisher_->SetCamera(camera, camera_on, w, h, fps);
+      if (!settings.profile.empty()) AnnouncePresence();  // the size may have changed
     });
   }
 }
@@ -190,9 +200,6 @@ bool Core::Render(const Node& s, bool apply, std::string* error) {
   std::shared_ptr<FrameSlot> slot;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!local_video_id_.empty() && *id == local_video_id_) {
-      return Fail(error, "Rendering the local camera is not supported by the open engines yet");
-    }
     auto it = videos_.find(*id);
     if (it == videos_.end()) return Fail(error, "Unknown video stream '" + *id + "'");
     slot = it->second;
@@ -206,7 +213,9 @@ bool Core::Render(const Node& s, bool apply, std::string* error) {
     if (apply) {
       slot->Stop();
       const std::string feed = id->substr(0, id->rfind('/'));
-      worker_.Post([this, feed] {
+      const bool self = slot == self_view_;
+      worker_.Post([this, feed, self] {
+        if (self && publisher_) publisher_->StopSelf();
         auto it = remotes_.find(feed);
         if (it != remotes_.end() && it->second->peer) it->second->peer->StopRender();
       });
@@ -233,7 +242,9 @@ bool Core::Render(const Node& s, bool apply, std::string* error) {
   ktengine_frame* frame =
       slot->Start(*id, format, static_cast<int>(width), static_cast<int>(height));
   const std::string feed = id->substr(0, id->rfind('/'));
+  const bool self = slot == self_view_;
   worker_.Post([=] {
+    if (self && publisher_) publisher_->RenderSelf(slot.get(), format, frame->width, frame->height);
     auto it = remotes_.find(feed);
     if (it != remotes_.end() && it->second->peer) {
       it->second->peer->Render(slot.get(), format, frame->width, frame->height);

@@ -32,6 +32,8 @@
 #include "event_queue.h"
 #include "janus.h"
 #include "media.h"
+#include "presence.h"
+#include "sounds.h"
 #include "worker.h"
 
 namespace ktopen {
@@ -67,6 +69,8 @@ struct Remote {
   std::unique_ptr<Subscriber> peer;
   std::shared_ptr<FrameSlot> slot;
   PeerStats last;
+  Presence presence;   // as the publisher last stated it
+  bool extra = false;  // a further video stream of presence.owner (no audio of its own)
 };
 
 class Core {
@@ -86,6 +90,9 @@ class Core {
   const char* GetState(EngineId engine);
   bool Refuse(EngineId engine, const std::string& why);
   int FrameReady(const std::string& id);
+  void SetOrientation(int degrees);
+  bool PlaySound(const char* data, unsigned long size);
+  bool StopSound(const char* data);
   void Trace(EngineId engine, unsigned level, const std::string& text);
   void Exit();
 
@@ -111,6 +118,10 @@ class Core {
   bool Subscribe(Remote* remote, std::string* error);
   void RemoveRemote(const std::string& feed);
   void ApplyPlayback();
+  // The local participant's state as the others see it, and its announcement to the room.
+  Presence LocalPresenceLocked() const;
+  void AnnouncePresence();
+  void OnPresence(const std::string& feed, const std::string& display);
   void Tick();
   void Conditions();
 
@@ -126,6 +137,8 @@ class Core {
   void ApplyDevice(Device::Kind kind, const Device& device, const DeviceSettings& settings);
   bool Render(const Node& s, bool apply, std::string* error);
   double GainLocked(const std::string& audio_id) const;
+
+  SoundPlayer& Sounds();
 
   EventQueue queues_[2];
 
@@ -149,7 +162,11 @@ class Core {
   std::set<std::string> audio_ids_;                           // announced in this process
   std::map<std::string, std::shared_ptr<FrameSlot>> videos_;  // remote video streams present
   std::map<std::string, int> levels_;                         // audio stream -> amplitude
-  std::string local_video_id_;                                // announced local camera stream
+  std::map<std::string, bool> muted_;                         // audio stream -> muted by its sender
+  int rotation_ = 0;            // the camera's picture turned clockwise, in degrees
+  std::string local_video_id_;  // announced local camera stream
+  std::shared_ptr<FrameSlot> self_view_ = std::make_shared<FrameSlot>();  // the local camera's
+  std::unique_ptr<SoundPlayer> sounds_;  // made with the first sound
 
   // The worker's own state.
   Worker worker_;

@@ -67,7 +67,13 @@ bool Core::Join(const Target& target, const std::string& display, const std::str
       return false;
     }
   }
-  if (!janus_.Message(pub_handle_, PublisherJoinRequest(target.room, display, uuid), "", &reply,
+  std::string stated;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    display_ = display;
+    stated = EncodePresence(LocalPresenceLocked());
+  }
+  if (!janus_.Message(pub_handle_, PublisherJoinRequest(target.room, stated, uuid), "", &reply,
                       error)) {
     return false;
   }
@@ -105,6 +111,11 @@ void Core::OnJanusEvent(const Json& event) {
     for (const RoomPublisher& publisher : AnnouncedPublishers(data)) AddRemote(publisher);
     const std::string departed = DepartedPublisher(data);
     if (!departed.empty()) RemoveRemote(departed);
+    // A publisher's new display name carries its new state (presence.h).
+    if (data && StringMember(data, "videoroom") == "event" &&
+        json_object_has_member(data, "display")) {
+      OnPresence(StringMember(data, "id"), StringMember(data, "display"));
+    }
   } else if (kind == "trickle") {
     JsonObject* candidate = ObjectMember(root, "candidate");
     const std::string text = StringMember(candidate, "candidate");
@@ -137,6 +148,8 @@ void Core::Leave() {
   connected_[kAudio] = connected_[kVideo] = false;
   videos_.clear();
   levels_.clear();
+  muted_.clear();
+  self_view_->Stop();
   local_video_id_.clear();
 }
 

@@ -13,26 +13,38 @@ void Core::AddRemote(const RoomPublisher& publisher) {
   const bool video = publisher.video;
   auto remote = std::make_unique<Remote>();
   remote->feed = feed;
-  remote->display = publisher.display;
-  remote->audio_id = feed + "/audio";
+  remote->presence = DecodePresence(publisher.display);
+  const Presence& p = remote->presence;
+  remote->display = p.name;
+  // A further stream (a screen, network video) belongs to its owner; our own are not received.
+  remote->extra = !p.owner.empty();
+  if (remote->extra && (p.owner == uuid_ || !video)) return;
+  remote->audio_id = remote->extra ? "" : feed + "/audio";
   if (video) {
     remote->video_id = feed + "/video";
     remote->slot = std::make_shared<FrameSlot>();
   }
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    audio_ids_.insert(remote->audio_id);
-    levels_[remote->audio_id] = 0;
+    if (!remote->extra) {
+      audio_ids_.insert(remote->audio_id);
+      levels_[remote->audio_id] = 0;
+      muted_[remote->audio_id] = p.muted;
+    }
     if (video) videos_[remote->video_id] = remote->slot;
   }
-  Emit(kAudio, StreamEvent("audio_site_changed", remote->audio_id,
-                           Tag("site", remote->display) + Tag("email", feed)));
+  if (!remote->extra) {
+    Emit(kAudio, StreamEvent("audio_site_changed", remote->audio_id,
+                             Tag("site", remote->display) + Tag("email", feed)));
+  }
   if (video) {
+    const std::string owner = remote->extra ? p.owner : feed;
     Emit(kVideo, StreamEvent("video_site_changed", remote->video_id,
-                             Tag("email", feed) + Tag("site", remote->display) +
-                                 Tag("name", "Camera") + Tag("codecName", "VP8 640x480 (30FPS)") +
-                                 Tag("local", "false") + Tag("active", "true") + Tag("layout", 0) +
-                                 Tag("width", kAnnouncedWidth) + Tag("height", kAnnouncedHeight)));
+                             Tag("email", owner) + Tag("site", remote->display) +
+                                 Tag("name", p.label.empty() ? "Camera" : p.label) +
+                                 Tag("codecName", p.profile) + Tag("local", "false") +
+                                 Tag("active", "true") + Tag("layout", p.layout) +
+                                 Tag("width", p.width) + Tag("height", p.height)));
   }
   Remote* r = remote.get();
   remotes_[feed] = std::move(remote);
@@ -60,15 +72,16 @@ bool Core::Subscribe(Remote* remote, std::string* error) {
   const uint64_t generation = this->generation();
   events.level = [this, audio_id, generation](double db) {
     const int amplitude = Amplitude(db);
+    bool muted;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       levels_[audio_id] = amplitude;
+      const auto stated = muted_.find(audio_id);  // as its sender states it (core_presence.cpp)
+      muted = stated != muted_.end() && stated->second;
     }
-    // A muted microphone sends digital silence.
     Emit(kAudio,
          "<event name=\"amplitude\"><stream id=\"" + Escape(audio_id) + "\" muted=\"" +
-             (db < -90 ? "true" : "false") + "\">" + Tag("amplitude", amplitude) +
-             "</stream></event>",
+             (muted ? "true" : "false") + "\">" + Tag("amplitude", amplitude) + "</stream></event>",
          generation);
   };
   const std::string video_id = remote->video_id;
@@ -103,7 +116,9 @@ void Core::RemoveRemote(const std::string& feed) {
   if (!remote->video_id.empty()) {
     seq = Emit(kVideo, StreamEvent("video_stream_removed", remote->video_id, ""), generation);
   }
-  if (seq == 0) {
+  if (remote->extra) {
+    // A further stream leaves alone: its owner stays.
+  } else if (seq == 0) {
     Emit(kAudio, audio_event, generation);
   } else {
     // The participant's audio leaves after its video has been delivered (the product drops the
@@ -119,6 +134,7 @@ void Core::RemoveRemote(const std::string& feed) {
   std::lock_guard<std::mutex> lock(mutex_);
   videos_.erase(remote->video_id);
   levels_.erase(remote->audio_id);
+  muted_.erase(remote->audio_id);
 }
 
 int Core::FrameReady(const std::string& id) {

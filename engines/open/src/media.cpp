@@ -347,13 +347,18 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
       "videorate name=video_in ! queue leaky=downstream max-size-buffers=2 "
       "max-size-bytes=0 max-size-time=0 ! videoconvert ! videoscale ! "
       "capsfilter name=camcaps caps=video/x-raw,width=%d,height=%d,framerate=%d/1 ! "
+      "tee name=camtee ! videoflip name=rotate method=none ! "
       "vp8enc deadline=1 threads=1 cpu-used=16 static-threshold=100 target-bitrate=500000 "
       "keyframe-max-dist=60 ! rtpvp8pay pt=96 ! "
       "application/x-rtp,media=video,encoding-name=VP8,payload=96,clock-rate=90000,"
       "ssrc=(uint)%u ! webrtc_v.",
       kAudioSsrc, width, height, fps, kVideoSsrc);
   // The two chains end in webrtcbin's request pads, linked by hand below.
-  std::string chains = description;
+  // The self view: converted only while rendered, on the camera queue's thread.
+  std::string chains = std::string(description) +
+                       " camtee. ! valve name=selfgate drop=true ! videoconvert ! videoscale ! "
+                       "capsfilter name=selfsize ! appsink name=self max-buffers=1 drop=true "
+                       "sync=false async=false";
   chains.replace(chains.find("webrtc_a."), 9, "identity name=to_webrtc_a");
   chains.replace(chains.find("webrtc_v."), 9, "identity name=to_webrtc_v");
   GError* problem = nullptr;
@@ -382,6 +387,17 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
     gst_element_add_pad(bin, gst_ghost_pad_new(start, sink));
     gst_object_unref(sink);
     gst_object_unref(first);
+  }
+  if (GstElement* self = gst_bin_get_by_name(GST_BIN(bin), "self")) {
+    g_object_set(self, "emit-signals", TRUE, nullptr);
+    g_signal_connect(self, "new-sample", G_CALLBACK(&Publisher::OnSelfSample), this);
+    gst_object_unref(self);
+  }
+  if (GstElement* gate = gst_bin_get_by_name(GST_BIN(bin), "selfgate")) {
+    if (g_object_class_find_property(G_OBJECT_GET_CLASS(gate), "drop-mode")) {
+      gst_util_set_object_arg(G_OBJECT(gate), "drop-mode", "forward-sticky-events");
+    }
+    gst_object_unref(gate);
   }
   audio_source_ = CreateDeviceElement(Device::kMicrophone, microphone, microphone.empty());
   video_source_ = CreateDeviceElement(Device::kCamera, camera, camera.empty());
@@ -472,6 +488,18 @@ void Publisher::SetCamera(const std::string& id, bool enabled, int width, int he
   }
 }
 
+void Publisher::SetRotation(int degrees) {
+  if (!pipeline_ || stopped_) return;
+  GstElement* rotate = gst_bin_get_by_name(GST_BIN(pipeline_), "rotate");
+  if (!rotate) return;
+  const char* method = degrees == 90    ? "clockwise"
+                       : degrees == 180 ? "rotate-180"
+                       : degrees == 270 ? "counterclockwise"
+                                        : "none";
+  gst_util_set_object_arg(G_OBJECT(rotate), "method", method);
+  gst_object_unref(rotate);
+}
+
 // ---- Frames ------------------------------------------------------------------------------------
 
 namespace {
@@ -522,11 +550,15 @@ ktengine_frame* FrameSlot::Start(const std::string& stream_id, ktengine_pixel_fo
   height = std::clamp(height, 1, kMaxSide);
   std::lock_guard<std::mutex> write(write_mutex_);
   std::lock_guard<std::mutex> lock(mutex_);
-  if (frame_ && (frame_->max_width < width || frame_->max_height < height)) {
+  // Room for the picture turned on its side too (up to a side of 1280), so that a sender's
+  // camera turned to portrait still fits at the same address.
+  const int room_w = std::max(width, std::min(height, 1280));
+  const int room_h = std::max(height, std::min(width, 1280));
+  if (frame_ && (frame_->max_width < room_w || frame_->max_height < room_h)) {
     ReleaseFrame(frame_);
     frame_ = nullptr;
   }
-  if (!frame_) frame_ = AcquireFrame(width, height);
+  if (!frame_) frame_ = AcquireFrame(room_w, room_h);
   __atomic_add_fetch(&frame_->sequence, 1, __ATOMIC_ACQ_REL);
   frame_->format = format;
   frame_->bytes_per_pixel = BytesPerPixel(format);
@@ -546,6 +578,27 @@ void FrameSlot::Stop() {
   std::lock_guard<std::mutex> lock(mutex_);
   rendering_ = false;
   fresh_ = false;
+}
+
+bool FrameSlot::Follow(int from_w, int from_h, int to_w, int to_h, int* width, int* height,
+                       ktengine_pixel_format* format) {
+  std::lock_guard<std::mutex> write(write_mutex_);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!rendering_ || !frame_ || frame_->width != from_w || frame_->height != from_h) return false;
+  if (to_w < 1 || to_h < 1) return false;
+  const double fit = std::min({1.0, static_cast<double>(frame_->max_width) / to_w,
+                               static_cast<double>(frame_->max_height) / to_h});
+  ktengine_frame* f = frame_;
+  __atomic_add_fetch(&f->sequence, 1, __ATOMIC_ACQ_REL);
+  f->width = std::max(1, static_cast<int>(to_w * fit));
+  f->height = std::max(1, static_cast<int>(to_h * fit));
+  f->stride = f->width * f->bytes_per_pixel;
+  __atomic_add_fetch(&f->sequence, 1, __ATOMIC_RELEASE);
+  *width = f->width;
+  *height = f->height;
+  *format = static_cast<ktengine_pixel_format>(f->format);
+  fresh_ = false;
+  return true;
 }
 
 bool FrameSlot::rendering() const {

@@ -45,6 +45,8 @@ struct PeerStats {
 // The figures of a webrtcbin statistics reply, summed over its streams.
 PeerStats ParseStats(const GstStructure* reply);
 
+class FrameSlot;
+
 // The part both peers share: a pipeline with one webrtcbin whose ICE agent keeps to the address
 // that reaches the meeting server.
 class Peer {
@@ -104,6 +106,11 @@ class Publisher : public Peer {
   // Switches the source in place (a new device, or on and off); volume 0..100.
   void SetMicrophone(const std::string& id, bool enabled, int volume);
   void SetCamera(const std::string& id, bool enabled, int width, int height, int fps);
+  // Turns the sent picture clockwise by 0, 90, 180 or 270 degrees.
+  void SetRotation(int degrees);
+  // Self view: the camera's pictures before encoding go to `slot` in that format and size.
+  void RenderSelf(FrameSlot* slot, ktengine_pixel_format format, int width, int height);
+  void StopSelf();
 
  private:
   void Swap(GstElement** current, GstElement* replacement, const char* downstream);
@@ -114,8 +121,15 @@ class Publisher : public Peer {
                     void (*toggle)(GstElement*, bool), const char* downstream, std::string* current,
                     GstElement** source);
 
+  static GstFlowReturn OnSelfSample(GstElement* sink, gpointer self);
+  void ApplySelf();  // REQUIRES: self_mutex_ held
+
   GstElement* audio_source_ = nullptr;
   GstElement* video_source_ = nullptr;
+  std::mutex self_mutex_;  // guards the self view's state: the host's thread and the camera's
+  FrameSlot* self_slot_ = nullptr;
+  ktengine_pixel_format self_format_ = KTENGINE_RGB888;
+  int self_width_ = 0, self_height_ = 0;
   std::string microphone_;  // the device behind audio_source_ ("" silence)
   std::string camera_;      // the device behind video_source_ ("" black)
 };
@@ -133,6 +147,10 @@ class FrameSlot {
                         int height);
   void Stop();
   bool rendering() const;
+  // When rendering at from_w x from_h: switches to to_w x to_h (scaled down to fit the
+  // descriptor, whose address stays), and gives the new size and format. False otherwise.
+  bool Follow(int from_w, int from_h, int to_w, int to_h, int* width, int* height,
+              ktengine_pixel_format* format);
   // A decoded frame in the rendering format, `stride` bytes per row.
   void Offer(const uint8_t* pixels, int width, int height, int stride);
   // Writes the newest frame into the descriptor: 1 when there was one since the last call.
