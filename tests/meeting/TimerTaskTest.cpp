@@ -203,6 +203,8 @@ TEST_F(TimerTaskTest, ATaskThatIsNotTheRegisteredOneEndsAtItsNextFrame) {
     }
     return false;
   }));
+  // It stops itself after that line, as if it had been told to.
+  EXPECT_TRUE(waitUntil([&] { return stray.state()->stopped.load(); }));
   std::lock_guard<std::mutex> lock(delegate.mutex);
   for (const std::string& frame : delegate.frames) EXPECT_EQ(frame, "v1:7");
 }
