@@ -28,6 +28,7 @@
 #include "demo_frame.h"
 #include "demo_options.h"
 #include "demo_register.h"
+#include "demo_slots.h"
 
 #define MAX_PARTICIPANTS 64
 #define MAX_STREAMS 128
@@ -75,11 +76,9 @@ static int joinResult = -1;
 /* ---- model updates (called on engine and timer threads) ------------------------------------ */
 
 static Person* person(const char* uuid, int create) {
-  int i, free = -1;
-  for (i = 0; i < MAX_PARTICIPANTS; ++i) {
-    if (model.people[i].present && strcmp(model.people[i].uuid, uuid) == 0) return &model.people[i];
-    if (!model.people[i].present && free < 0) free = i;
-  }
+  int free;
+  const int i = DEMO_FIND_SLOT(Person, model.people, MAX_PARTICIPANTS, uuid, uuid, &free);
+  if (i >= 0) return &model.people[i];
   if (!create || free < 0) return NULL;
   memset(&model.people[free], 0, sizeof(Person));
   snprintf(model.people[free].uuid, TEXT, "%s", uuid);
@@ -88,11 +87,9 @@ static Person* person(const char* uuid, int create) {
 }
 
 static Stream* stream(const char* id, int create) {
-  int i, free = -1;
-  for (i = 0; i < MAX_STREAMS; ++i) {
-    if (model.streams[i].present && strcmp(model.streams[i].id, id) == 0) return &model.streams[i];
-    if (!model.streams[i].present && free < 0) free = i;
-  }
+  int free;
+  const int i = DEMO_FIND_SLOT(Stream, model.streams, MAX_STREAMS, id, id, &free);
+  if (i >= 0) return &model.streams[i];
   if (!create || free < 0) return NULL;
   demo_image_free(&model.streams[free].last);
   memset(&model.streams[free], 0, sizeof(Stream));

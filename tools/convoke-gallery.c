@@ -100,24 +100,16 @@ static int readScript(const char* path) {
 }
 
 static void pressKey(Gallery* g, char key) {
-  switch (tolower(key)) {
-    case 'm':
-      gallery_toggle(g, GALLERY_MIC);
-      break;
-    case 'v':
-      gallery_toggle(g, GALLERY_CAMERA);
-      break;
-    case 's':
-      gallery_toggle(g, GALLERY_SPEAKERS);
-      break;
-    case 'd':
-      gallery_toggle(g, GALLERY_SHARE);
-      break;
-    case 'q':
-      g->leaving = 1;
-      break;
-    default:
-      break;
+  static const struct {
+    char key;
+    int control;
+  } toggles[] = {
+      {'m', GALLERY_MIC}, {'v', GALLERY_CAMERA}, {'s', GALLERY_SPEAKERS}, {'d', GALLERY_SHARE}};
+  size_t i;
+  key = (char)tolower((unsigned char)key);
+  if (key == 'q') g->leaving = 1;
+  for (i = 0; i < sizeof toggles / sizeof toggles[0]; ++i) {
+    if (toggles[i].key == key) gallery_toggle(g, toggles[i].control);
   }
 }
 

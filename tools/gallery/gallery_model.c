@@ -19,6 +19,7 @@
 
 #include "convoke/convoke.h"
 #include "demo_register.h"
+#include "demo_slots.h"
 #include "gallery.h"
 #include "ktengine/frame.h"
 
@@ -216,11 +217,9 @@ static void nameFromUuid(char* out, const char* uuid) {
 }
 
 GalleryPerson* gallery_person(Gallery* g, const char* uuid, int create) {
-  int i, free = -1;
-  for (i = 0; i < GALLERY_MAX_PEOPLE; ++i) {
-    if (g->people[i].present && strcmp(g->people[i].uuid, uuid) == 0) return &g->people[i];
-    if (!g->people[i].present && free < 0) free = i;
-  }
+  int free;
+  const int i = DEMO_FIND_SLOT(GalleryPerson, g->people, GALLERY_MAX_PEOPLE, uuid, uuid, &free);
+  if (i >= 0) return &g->people[i];
   if (!create || free < 0) return NULL;
   memset(&g->people[free], 0, sizeof(GalleryPerson));
   copyText(g->people[free].uuid, uuid);
@@ -231,11 +230,9 @@ GalleryPerson* gallery_person(Gallery* g, const char* uuid, int create) {
 }
 
 GalleryStream* gallery_stream(Gallery* g, const char* id, int create) {
-  int i, free = -1;
-  for (i = 0; i < GALLERY_MAX_STREAMS; ++i) {
-    if (g->streams[i].present && strcmp(g->streams[i].id, id) == 0) return &g->streams[i];
-    if (!g->streams[i].present && free < 0) free = i;
-  }
+  int free;
+  const int i = DEMO_FIND_SLOT(GalleryStream, g->streams, GALLERY_MAX_STREAMS, id, id, &free);
+  if (i >= 0) return &g->streams[i];
   if (!create || free < 0) return NULL;
   {
     SDL_Texture* keep = g->streams[free].texture; /* reused when the next picture fits */
