@@ -137,8 +137,10 @@ void Core::Leave() {
     if (entry.second->slot) entry.second->slot->Stop();
   }
   if (publisher_) publisher_->Stop();
+  for (auto& entry : furthers_) entry.second->peer->Stop();
   janus_.Close();  // Janus tells the others that we left
   remotes_.clear();
+  furthers_.clear();
   publisher_.reset();
   pub_handle_ = 0;
   my_id_.clear();
@@ -151,6 +153,8 @@ void Core::Leave() {
   muted_.clear();
   self_view_->Stop();
   local_video_id_.clear();
+  further_ids_.clear();
+  probed_.clear();
 }
 
 void Core::Disconnect(EngineId engine) {
