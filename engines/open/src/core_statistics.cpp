@@ -18,13 +18,17 @@ double Core::GainLocked(const std::string& audio_id) const {
 void Core::ApplyPlayback() {
   std::map<std::string, double> gains;
   bool muted;
+  std::string speaker;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     muted = !speaker_on_;
+    speaker = speaker_on_ ? speaker_ : "";  // as Subscribe starts a peer
     for (auto& entry : remotes_) gains[entry.first] = GainLocked(entry.second->audio_id);
   }
   for (auto& entry : remotes_) {
-    if (entry.second->peer) entry.second->peer->SetPlayback(gains[entry.first], muted);
+    if (!entry.second->peer) continue;
+    entry.second->peer->SetPlayback(gains[entry.first], muted);
+    entry.second->peer->SetSpeaker(speaker);  // a speaker enabled during the meeting
   }
 }
 

@@ -642,7 +642,7 @@ int FrameSlot::Take() {
 
 Subscriber::~Subscriber() {
   Stop();
-  for (GstElement* element : {volume_, gate_, caps_}) {
+  for (GstElement* element : {volume_, gate_, caps_, sink_}) {
     if (element) gst_object_unref(element);
   }
 }
@@ -689,13 +689,19 @@ void Subscriber::OnPadAdded(GstElement*, GstPad* pad, gpointer self) {
   GstElement* pipeline = sub->pipeline_;
   gst_bin_add(GST_BIN(pipeline), bin);
   if (audio) {
-    GstElement* sink = CreateDeviceElement(
-        Device::kSpeaker, sub->speaker_.empty() ? std::string(kNullSpeaker) : sub->speaker_);
+    std::string speaker;
+    {
+      std::lock_guard<std::mutex> lock(sub->mutex_);
+      speaker = sub->speaker_;
+    }
+    GstElement* sink = CreateDeviceElement(Device::kSpeaker,
+                                           speaker.empty() ? std::string(kNullSpeaker) : speaker);
     if (!sink) sink = CreateDeviceElement(Device::kSpeaker, kNullSpeaker);
     gst_bin_add(GST_BIN(pipeline), sink);
     gst_element_link(bin, sink);
     gst_element_sync_state_with_parent(sink);
     std::lock_guard<std::mutex> lock(sub->mutex_);
+    sub->sink_ = GST_ELEMENT(gst_object_ref(sink));
     sub->volume_ = gst_bin_get_by_name(GST_BIN(bin), "gain");
     g_object_set(sub->volume_, "volume", sub->gain_, "mute", sub->muted_, nullptr);
   } else if (video) {

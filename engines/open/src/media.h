@@ -176,6 +176,9 @@ class Subscriber : public Peer {
   bool Start(const std::string& speaker, std::string* error);
   // Playback gain (1.0 = unchanged) and mute.
   void SetPlayback(double gain, bool muted);
+  // Moves the received sound to another speaker ("" or the null speaker: nowhere) between two
+  // buffers (output_switch.cpp). Worker thread.
+  void SetSpeaker(const std::string& speaker);
   // Decoded frames go to `slot` in that format and size while rendering.
   void Render(FrameSlot* slot, ktengine_pixel_format format, int width, int height);
   void StopRender();
@@ -190,6 +193,7 @@ class Subscriber : public Peer {
   GstElement* volume_ = nullptr;  // GUARDED_BY(mutex_)
   GstElement* gate_ = nullptr;    // GUARDED_BY(mutex_)
   GstElement* caps_ = nullptr;    // GUARDED_BY(mutex_)
+  GstElement* sink_ = nullptr;    // GUARDED_BY(mutex_): the speaker's element
   double gain_ = 1.0;
   bool muted_ = false;
   FrameSlot* slot_ = nullptr;
