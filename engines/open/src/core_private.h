@@ -85,6 +85,7 @@ struct Further {
   std::unique_ptr<StreamPublisher> peer;
   bool negotiated = false, offer_sent = false;
   std::vector<std::pair<unsigned, std::string>> pending_candidates;
+  PeerStats last;  // at the last conditions measurement
 };
 
 // What a further stream sends and how it is stated to the room.
@@ -218,6 +219,7 @@ class Core {
   std::map<std::string, std::unique_ptr<Further>> furthers_;  // by key
   int ticks_ = 0;
   std::string conditions_;  // the last audio_update_conditions event, repeated between measurements
+  std::string video_conditions_;  // the last video_update_conditions event, likewise
   PeerStats last_sent_;
   rusage last_usage_{};
   std::chrono::steady_clock::time_point last_conditions_;

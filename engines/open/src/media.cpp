@@ -297,6 +297,17 @@ PeerStats Peer::Stats() {
 PeerStats ParseStats(const GstStructure* reply) {
   PeerStats stats;
   const gint n = gst_structure_n_fields(reply);
+  // webrtcbin 1.22 gives every stream of a bundled transport the same kind and codec; the RTP
+  // source's own clock rate tells video (90 kHz) from audio, and what we send carries our SSRCs.
+  const auto is_video = [](const GstStructure* s) {
+    guint ssrc = 0;
+    if (gst_structure_get_uint(s, "ssrc", &ssrc) && ssrc == kVideoSsrc) return true;
+    const GValue* source = gst_structure_get_value(s, "gst-rtpsource-stats");
+    gint clock_rate = 0;
+    return source && GST_VALUE_HOLDS_STRUCTURE(source) &&
+           gst_structure_get_int(gst_value_get_structure(source), "clock-rate", &clock_rate) &&
+           clock_rate == 90000;
+  };
   for (gint i = 0; i < n; ++i) {
     const GValue* value = gst_structure_get_value(reply, gst_structure_nth_field_name(reply, i));
     if (!GST_VALUE_HOLDS_STRUCTURE(value)) continue;
@@ -307,9 +318,15 @@ PeerStats ParseStats(const GstStructure* reply) {
     gint64 l = 0;
     gdouble d = 0;
     if (type == GST_WEBRTC_STATS_OUTBOUND_RTP) {
-      if (gst_structure_get_uint64(s, "bytes-sent", &u)) stats.bytes_sent += u;
+      if (gst_structure_get_uint64(s, "bytes-sent", &u)) {
+        stats.bytes_sent += u;
+        if (is_video(s)) stats.video_bytes_sent += u;
+      }
     } else if (type == GST_WEBRTC_STATS_INBOUND_RTP) {
-      if (gst_structure_get_uint64(s, "bytes-received", &u)) stats.bytes_received += u;
+      if (gst_structure_get_uint64(s, "bytes-received", &u)) {
+        stats.bytes_received += u;
+        if (is_video(s)) stats.video_bytes_received += u;
+      }
       if (gst_structure_get_uint64(s, "packets-received", &u)) stats.packets_received += u;
       if (gst_structure_get_int64(s, "packets-lost", &l)) stats.packets_lost += l;
       if (gst_structure_get_double(s, "jitter", &d)) stats.jitter_s = std::max(stats.jitter_s, d);

@@ -40,6 +40,10 @@ struct PeerStats {
   double fraction_lost = 0;       // reported by the remote side, 0..1
   double round_trip_s = 0;
   double jitter_s = 0;
+  // The video streams' part of the bytes (told by their RTP source's 90 kHz clock or our camera's
+  // SSRC, since webrtcbin does not tell audio from video when they share a transport).
+  uint64_t video_bytes_sent = 0;
+  uint64_t video_bytes_received = 0;
 };
 
 // The figures of a webrtcbin statistics reply, summed over its streams.
