@@ -30,6 +30,7 @@
 #include "devices.h"
 #include "documents.h"
 #include "event_queue.h"
+#include "hotplug.h"
 #include "janus.h"
 #include "media.h"
 #include "network_video.h"
@@ -148,6 +149,8 @@ class Core {
   void OnPresence(const std::string& feed, const std::string& display);
   void Tick();
   void Conditions();
+  // A device in use that disappeared is replaced by the default one (core_hotplug.cpp).
+  void FollowRemovedDevices();
 
   bool AudioCommand(const Node& root, bool apply, std::string* error);
   bool VideoCommand(const Node& root, bool apply, std::string* error);
@@ -217,6 +220,7 @@ class Core {
   std::vector<std::pair<unsigned, std::string>> pending_candidates_;
   std::map<std::string, std::unique_ptr<Remote>> remotes_;
   std::map<std::string, std::unique_ptr<Further>> furthers_;  // by key
+  DeviceWatch device_watch_;                                  // while in a meeting
   int ticks_ = 0;
   std::string conditions_;  // the last audio_update_conditions event, repeated between measurements
   std::string video_conditions_;  // the last video_update_conditions event, likewise

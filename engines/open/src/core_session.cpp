@@ -98,6 +98,7 @@ bool Core::Join(const Target& target, const std::string& display, const std::str
   }
 
   if (!StartPublishing(error)) return false;
+  device_watch_.Start();
   for (const RoomPublisher& publisher : AnnouncedPublishers(data)) AddRemote(publisher);
   return true;
 }
@@ -136,6 +137,7 @@ void Core::Leave() {
     if (entry.second->peer) entry.second->peer->Stop();
     if (entry.second->slot) entry.second->slot->Stop();
   }
+  device_watch_.Stop();
   if (publisher_) publisher_->Stop();
   for (auto& entry : furthers_) entry.second->peer->Stop();
   janus_.Close();  // Janus tells the others that we left

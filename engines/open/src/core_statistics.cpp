@@ -34,6 +34,7 @@ void Core::ApplyPlayback() {
 
 void Core::Tick() {
   if (!publisher_) return;
+  FollowRemovedDevices();
   int loudest = 0;
   bool speakers;
   {
