@@ -36,6 +36,8 @@ if $live; then
     libsoup-3.0-dev libjson-glib-dev                # the server's HTTP API
     gstreamer1.0-plugins-base-apps gstreamer1.0-tools  # gst-device-monitor-1.0, gst-inspect-1.0
     iproute2 util-linux curl                        # tools/meeting-server: namespace, veth, probes
+    libx11-dev                                      # the engines list X11 screens; x11-window
+    xvfb xauth                                      # tools/live-features: a screen to share
   )
 fi
 

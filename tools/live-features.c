@@ -4,13 +4,15 @@
  * remote stream it is told about. Once it has seen the two others, each follows a timeline:
  *   a  plays sounds (two overlapping, one stopped early, one unreadable), renders its own camera,
  *      mutes and unmutes its microphone, turns its camera to portrait and back;
- *   b  shares the virtual screen (when the engine lists one);
- *   c  watches: notes what it sees of a and b and writes a snapshot of every stream it renders.
+ *      publishes network video from a file (after two sources it must refuse) and stops it;
+ *   b  shares the first screen the engine lists, and stops sharing it;
+ *   c  watches: notes what it sees of a and b and writes a snapshot of the streams it receives
+ *      (the two cameras and the shared screen; taken before the network video starts).
  * Each host prints timestamped lines "live-features NAME t=SECONDS WHAT" (CLOCK_MONOTONIC, shared
  * by the three processes) and ends with "live-features NAME: done".
  *
  *   live-features --server HOST --meeting ID --name NAME --uuid UUID --role a|b|c
- *                 [--snapshot FILE.png]
+ *                 [--snapshot FILE.png] [--clip VIDEO-FILE --no-video SOUND-FILE]
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -28,7 +30,7 @@
 
 #define TEXT 160
 #define STREAMS 8
-#define TIMELINE_S 16.0
+#define TIMELINE_S 20.0
 
 typedef struct {
   char id[TEXT];
@@ -271,7 +273,10 @@ static void snapshot(const char* path) {
   int i, n = 0;
   pthread_mutex_lock(&m.lock);
   for (i = 0; i < m.streamCount; ++i) {
-    if (m.streams[i].last.pixels) images[n++] = &m.streams[i].last;
+    /* What came from the others: their cameras and shared screens. */
+    if (m.streams[i].last.pixels && strncmp(m.streams[i].id, "local/", 6) != 0) {
+      images[n++] = &m.streams[i].last;
+    }
   }
   const int ok = n > 0 && demo_write_mosaic(path, images, n) == 0;
   pthread_mutex_unlock(&m.lock);
@@ -293,7 +298,7 @@ static void screenCentre(void) {
 }
 
 int main(int argc, char** argv) {
-  const char *server = NULL, *meeting = NULL, *snapshotPath = NULL;
+  const char *server = NULL, *meeting = NULL, *snapshotPath = NULL, *clip = NULL, *noVideo = NULL;
   int i;
   for (i = 1; i + 1 < argc; i += 2) {
     if (strcmp(argv[i], "--server") == 0)
@@ -308,11 +313,15 @@ int main(int argc, char** argv) {
       snprintf(m.role, sizeof m.role, "%s", argv[i + 1]);
     else if (strcmp(argv[i], "--snapshot") == 0)
       snapshotPath = argv[i + 1];
+    else if (strcmp(argv[i], "--clip") == 0)
+      clip = argv[i + 1];
+    else if (strcmp(argv[i], "--no-video") == 0)
+      noVideo = argv[i + 1];
   }
   if (!server || !meeting || !m.name[0] || !m.self[0] || !m.role[0] || i != argc) {
     fprintf(stderr,
             "usage: live-features --server HOST --meeting ID --name NAME --uuid UUID "
-            "--role a|b|c [--snapshot FILE.png]\n");
+            "--role a|b|c [--snapshot FILE.png] [--clip VIDEO-FILE --no-video SOUND-FILE]\n");
     return 2;
   }
   pthread_mutex_init(&m.lock, NULL);
@@ -356,7 +365,7 @@ int main(int argc, char** argv) {
     unsigned short deviceCount = 0, screenCount = 0;
     getVideoDevices(&devices, &deviceCount, &screens, &screenCount);
     for (i = 0; i < screenCount; ++i) say("screen listed: %s", screens[i]);
-    if (screenCount > 0) snprintf(screen, TEXT, "%s", screens[screenCount - 1]);
+    if (screenCount > 0) snprintf(screen, TEXT, "%s", screens[0]); /* a real screen first */
   }
   while (now() - start < TIMELINE_S) {
     const double t = now() - start;
@@ -388,6 +397,23 @@ int main(int argc, char** argv) {
       ++step;
       setDeviceOrientation(0);
       say("orientation 0");
+    } else if (a && step == 6 && t > 13.5 && clip && noVideo) {
+      ++step;
+      const char* sources[] = {"/nonexistent/clip.webm", noVideo, clip};
+      int k;
+      for (k = 0; k < 3; ++k) {
+        if (enableNetworkVideo(sources[k], "VP8 640x480 (30FPS)", "Clip")) {
+          say("network video %s: ok", sources[k]);
+        } else {
+          say("network video %s refused: %s", sources[k], getLastError());
+        }
+      }
+    } else if (a && step == 7 && t > 18 && clip) {
+      ++step;
+      say("network video stopped: %s", disableNetworkVideo(clip) ? "ok" : getLastError());
+    } else if (b && step == 1 && t > 16) {
+      ++step;
+      say("stop sharing '%s': %s", screen, diableVideoCapture(screen) ? "ok" : getLastError());
     } else if (b && step == 0 && t > 1 && screen[0]) {
       ++step;
       say("share screen '%s': %s", screen,

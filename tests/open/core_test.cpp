@@ -65,14 +65,31 @@ TEST(OpenCore, ConnectRefusalsGiveTheReason) {
   EXPECT_EQ(core::FrameReady(nullptr), 0);
 }
 
-TEST(OpenCore, CommandsOutsideStageOneAreRefusedWithAReason) {
+TEST(OpenCore, RefusedCommandsGiveTheReason) {
   const struct {
     EngineId engine;
     const char* xml;
     const char* reason;
   } cases[] = {
-      {kVideo, "<video><local_url>rtp://x</local_url></video>",
-       "Network video is not supported by the open engines yet"},
+      {kVideo, "<video><local_url>rtp://x</local_url></video>", "Missing <url> in <local_url>"},
+      {kVideo,
+       "<video><local_url><url>/x.webm</url><command>playback_start</command>"
+       "<profile>VP8 640x480 (30FPS)</profile></local_url></video>",
+       "Network video can be published only in a meeting"},
+      {kVideo,
+       "<video><local_url><url>/x.webm</url><command>playback_stop</command></local_url></video>",
+       "No network video playing from '/x.webm'"},
+      {kVideo,
+       "<video><local_url><url>/x.webm</url><command>playback_start</command></local_url></video>",
+       "Missing <profile> in <local_url>"},
+      {kVideo,
+       "<video><devices><device id=\"virtual-screen\"><enable>true</enable>"
+       "<profile>VP8 4K (10FPS)</profile></device></devices></video>",
+       "A screen can be shared only in a meeting"},
+      {kVideo,
+       "<video><devices><device id=\"virtual-screen\"><enable>true</enable>"
+       "<profile>VP8 640x480 (30FPS)</profile></device></devices></video>",
+       "Unsupported profile 'VP8 640x480 (30FPS)' for video device 'virtual-screen'"},
       {kAudio, "<audio><sound id=\"ring\"/></audio>",
        "Unsupported element <sound> in audio command"},
       {kVideo, "<audio><tones enabled=\"true\"/></audio>",
@@ -123,6 +140,12 @@ TEST(OpenCore, StateListsTheVirtualDevicesAndFollowsTheCommands) {
                        "<enabled>false</enabled><codecs><codec name=\"VP8 640x480 (30FPS)\"/>"
                        "<codec name=\"VP8 1280x720 (30FPS)\"/><codec name=\"VP8 320x240 (15FPS)\"/>"
                        "</codecs></device>"),
+            std::string::npos)
+      << video;
+  // The virtual screen comes after every camera, marked as a screen.
+  EXPECT_NE(video.find("<device id=\"virtual-screen\"><name>Screen Capture - Virtual screen</name>"
+                       "<screen>true</screen><enabled>false</enabled><codecs>"
+                       "<codec name=\"VP8 4K (10FPS)\"/></codecs></device></inputs></video>"),
             std::string::npos)
       << video;
 

@@ -184,8 +184,19 @@ TEST(PeerStats, SumsStreamsAndKeepsTheWorstFigures) {
   gst_structure_set(video_in, "bytes-received", G_TYPE_UINT64, guint64{30000}, "packets-received",
                     G_TYPE_UINT64, guint64{40}, "packets-lost", G_TYPE_INT64, gint64{-1}, "jitter",
                     G_TYPE_DOUBLE, 0.002, nullptr);
+  // Each stream's RTP source states its clock: 90 kHz for video.
+  for (const auto& clock : {std::make_pair(audio_in, 48000), std::make_pair(video_in, 90000)}) {
+    GstStructure* source = gst_structure_new("application/x-rtp-source-stats", "clock-rate",
+                                             G_TYPE_INT, clock.second, nullptr);
+    gst_structure_set(clock.first, "gst-rtpsource-stats", GST_TYPE_STRUCTURE, source, nullptr);
+    gst_structure_free(source);
+  }
   GstStructure* out = Entry(GST_WEBRTC_STATS_OUTBOUND_RTP);
-  gst_structure_set(out, "bytes-sent", G_TYPE_UINT64, guint64{7000}, nullptr);
+  gst_structure_set(out, "bytes-sent", G_TYPE_UINT64, guint64{7000}, "ssrc", G_TYPE_UINT,
+                    0x4b540002u, nullptr);  // the camera's
+  GstStructure* out_audio = Entry(GST_WEBRTC_STATS_OUTBOUND_RTP);
+  gst_structure_set(out_audio, "bytes-sent", G_TYPE_UINT64, guint64{500}, "ssrc", G_TYPE_UINT,
+                    0x4b540001u, nullptr);
   GstStructure* remote_a = Entry(GST_WEBRTC_STATS_REMOTE_INBOUND_RTP);
   gst_structure_set(remote_a, "fraction-lost", G_TYPE_DOUBLE, 0.25, "round-trip-time",
                     G_TYPE_DOUBLE, 0.010, nullptr);
@@ -197,8 +208,8 @@ TEST(PeerStats, SumsStreamsAndKeepsTheWorstFigures) {
 
   GstStructure* reply = gst_structure_new_empty("application/x-webrtc-stats");
   const std::pair<const char*, GstStructure*> entries[] = {
-      {"in-a", audio_in}, {"in-v", video_in}, {"out", out},
-      {"ri-a", remote_a}, {"ri-v", remote_b}, {"transport", transport}};
+      {"in-a", audio_in}, {"in-v", video_in},       {"out", out},        {"ri-a", remote_a},
+      {"ri-v", remote_b}, {"transport", transport}, {"out-a", out_audio}};
   for (const auto& entry : entries) {
     gst_structure_set(reply, entry.first, GST_TYPE_STRUCTURE, entry.second, nullptr);
     gst_structure_free(entry.second);
@@ -211,7 +222,10 @@ TEST(PeerStats, SumsStreamsAndKeepsTheWorstFigures) {
   EXPECT_EQ(stats.packets_received, 90u);
   EXPECT_EQ(stats.packets_lost, 1);
   EXPECT_DOUBLE_EQ(stats.jitter_s, 0.004);
-  EXPECT_EQ(stats.bytes_sent, 7000u);  // the transport's own count is not a stream's
+  EXPECT_EQ(stats.bytes_sent, 7500u);  // the transport's own count is not a stream's
+  // Video told from audio by its RTP source's clock, or our camera's SSRC.
+  EXPECT_EQ(stats.video_bytes_received, 30000u);
+  EXPECT_EQ(stats.video_bytes_sent, 7000u);
   EXPECT_DOUBLE_EQ(stats.fraction_lost, 0.25);
   EXPECT_DOUBLE_EQ(stats.round_trip_s, 0.030);
 }

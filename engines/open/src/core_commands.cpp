@@ -259,12 +259,15 @@ bool Core::VideoCommand(const Node& root, bool apply, std::string* error) {
     const std::string& what = child->name;
     if (what == "devices" || what == "streams") {
       const bool ok = ktengine::ForEachItem(*child, error, [&](const Node& item) {
-        return what == "devices" ? DeviceCommand(item, Device::kCamera, apply, error)
-                                 : Render(item, apply, error);
+        if (what == "streams") return Render(item, apply, error);
+        const std::string* id = item.name == "device" ? item.Attribute("id") : nullptr;
+        Screen screen;
+        if (id && FindScreen(*id, &screen)) return ScreenCommand(item, screen, apply, error);
+        return DeviceCommand(item, Device::kCamera, apply, error);
       });
       if (!ok) return false;
     } else if (what == "local_url") {
-      return Fail(error, "Network video is not supported by the open engines yet");
+      if (!NetworkVideoCommand(*child, apply, error)) return false;
     } else {
       return Fail(error, "Unsupported element <" + what + "> in video command");
     }
@@ -302,6 +305,12 @@ const char* Core::GetState(EngineId engine) {
         doc += "<codec name=\"" + Escape(codec) + "\"/>";
       }
       doc += "</codecs></device>";
+    }
+    for (const Screen& screen : ListScreens()) {
+      doc += "<device id=\"" + Escape(screen.id) + "\">" + Tag("name", screen.name) +
+             Tag("screen", "true") +
+             Tag("enabled", further_ids_.count(screen.id) ? "true" : "false") +
+             "<codecs><codec name=\"" + Escape(kScreenProfile) + "\"/></codecs></device>";
     }
     doc += "</inputs></video>";
   }

@@ -30,10 +30,14 @@
 #include "devices.h"
 #include "documents.h"
 #include "event_queue.h"
+#include "hotplug.h"
 #include "janus.h"
 #include "media.h"
+#include "network_video.h"
 #include "presence.h"
+#include "screens.h"
 #include "sounds.h"
+#include "stream_publisher.h"
 #include "worker.h"
 
 namespace ktopen {
@@ -71,6 +75,27 @@ struct Remote {
   PeerStats last;
   Presence presence;   // as the publisher last stated it
   bool extra = false;  // a further video stream of presence.owner (no audio of its own)
+};
+
+// A further video stream that we publish (a shared screen or network video): a publisher of its
+// own in the room, whose stated owner is us. Owned by the worker thread.
+struct Further {
+  std::string key;   // the screen's device id, or the network video's URL
+  std::string feed;  // its publisher id in the room
+  uint64_t handle = 0;
+  std::unique_ptr<StreamPublisher> peer;
+  bool negotiated = false, offer_sent = false;
+  std::vector<std::pair<unsigned, std::string>> pending_candidates;
+  PeerStats last;  // at the last conditions measurement
+};
+
+// What a further stream sends and how it is stated to the room.
+struct FurtherSpec {
+  std::string key, label, profile;
+  std::string feed;  // its publisher id in the room
+  int width = 0, height = 0, fps = kScreenFps;
+  Screen screen;        // a shared screen, when network.uri is empty
+  VideoSource network;  // network video
 };
 
 class Core {
@@ -124,6 +149,8 @@ class Core {
   void OnPresence(const std::string& feed, const std::string& display);
   void Tick();
   void Conditions();
+  // A device in use that disappeared is replaced by the default one (core_hotplug.cpp).
+  void FollowRemovedDevices();
 
   bool AudioCommand(const Node& root, bool apply, std::string* error);
   bool VideoCommand(const Node& root, bool apply, std::string* error);
@@ -136,6 +163,16 @@ class Core {
   bool DeviceCommand(const Node& d, Device::Kind kind, bool apply, std::string* error);
   void ApplyDevice(Device::Kind kind, const Device& device, const DeviceSettings& settings);
   bool Render(const Node& s, bool apply, std::string* error);
+  // Further streams (core_further.cpp): a screen in the devices of a video command, and the
+  // local_url element; the worker's side of publishing them.
+  bool ScreenCommand(const Node& d, const Screen& screen, bool apply, std::string* error);
+  bool NetworkVideoCommand(const Node& node, bool apply, std::string* error);
+  bool EnableFurther(const FurtherSpec& spec, const std::string& device_name, std::string* error);
+  void DisableFurther(const std::string& key);
+  void StartFurther(const FurtherSpec& spec);
+  void NegotiateFurther(const std::string& key);
+  void FurtherCandidate(const std::string& key, unsigned mline, const std::string& candidate);
+  void StopFurther(const std::string& key);
   double GainLocked(const std::string& audio_id) const;
 
   SoundPlayer& Sounds();
@@ -168,6 +205,10 @@ class Core {
   std::shared_ptr<FrameSlot> self_view_ = std::make_shared<FrameSlot>();  // the local camera's
   std::unique_ptr<SoundPlayer> sounds_;  // made with the first sound
 
+  std::map<std::string, std::string> further_ids_;  // further stream's key -> local stream id
+  std::map<std::string, VideoSource> probed_;       // network sources read by a command's check
+  int further_count_ = 0;                           // further streams started in this meeting
+
   // The worker's own state.
   Worker worker_;
   Janus janus_;
@@ -178,8 +219,11 @@ class Core {
   bool negotiated_ = false, offer_sent_ = false;
   std::vector<std::pair<unsigned, std::string>> pending_candidates_;
   std::map<std::string, std::unique_ptr<Remote>> remotes_;
+  std::map<std::string, std::unique_ptr<Further>> furthers_;  // by key
+  DeviceWatch device_watch_;                                  // while in a meeting
   int ticks_ = 0;
   std::string conditions_;  // the last audio_update_conditions event, repeated between measurements
+  std::string video_conditions_;  // the last video_update_conditions event, likewise
   PeerStats last_sent_;
   rusage last_usage_{};
   std::chrono::steady_clock::time_point last_conditions_;

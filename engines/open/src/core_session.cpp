@@ -98,6 +98,7 @@ bool Core::Join(const Target& target, const std::string& display, const std::str
   }
 
   if (!StartPublishing(error)) return false;
+  device_watch_.Start();
   for (const RoomPublisher& publisher : AnnouncedPublishers(data)) AddRemote(publisher);
   return true;
 }
@@ -136,9 +137,12 @@ void Core::Leave() {
     if (entry.second->peer) entry.second->peer->Stop();
     if (entry.second->slot) entry.second->slot->Stop();
   }
+  device_watch_.Stop();
   if (publisher_) publisher_->Stop();
+  for (auto& entry : furthers_) entry.second->peer->Stop();
   janus_.Close();  // Janus tells the others that we left
   remotes_.clear();
+  furthers_.clear();
   publisher_.reset();
   pub_handle_ = 0;
   my_id_.clear();
@@ -151,6 +155,8 @@ void Core::Leave() {
   muted_.clear();
   self_view_->Stop();
   local_video_id_.clear();
+  further_ids_.clear();
+  probed_.clear();
 }
 
 void Core::Disconnect(EngineId engine) {

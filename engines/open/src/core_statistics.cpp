@@ -18,18 +18,23 @@ double Core::GainLocked(const std::string& audio_id) const {
 void Core::ApplyPlayback() {
   std::map<std::string, double> gains;
   bool muted;
+  std::string speaker;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     muted = !speaker_on_;
+    speaker = speaker_on_ ? speaker_ : "";  // as Subscribe starts a peer
     for (auto& entry : remotes_) gains[entry.first] = GainLocked(entry.second->audio_id);
   }
   for (auto& entry : remotes_) {
-    if (entry.second->peer) entry.second->peer->SetPlayback(gains[entry.first], muted);
+    if (!entry.second->peer) continue;
+    entry.second->peer->SetPlayback(gains[entry.first], muted);
+    entry.second->peer->SetSpeaker(speaker);  // a speaker enabled during the meeting
   }
 }
 
 void Core::Tick() {
   if (!publisher_) return;
+  FollowRemovedDevices();
   int loudest = 0;
   bool speakers;
   {
@@ -51,6 +56,7 @@ void Core::Conditions() {
   // described anew): the figures are measured every few seconds and reported every second.
   if (ticks_ % (10 * kStatisticsEverySeconds) != 0 && !conditions_.empty()) {
     Emit(kAudio, conditions_);
+    Emit(kVideo, video_conditions_);
     return;
   }
   const auto now = std::chrono::steady_clock::now();
@@ -58,19 +64,31 @@ void Core::Conditions() {
       std::max(0.001, std::chrono::duration<double>(now - last_conditions_).count());
   last_conditions_ = now;
   PeerStats sent = publisher_->Stats();
-  uint64_t received = 0, lost = 0, packets = 0;
+  uint64_t received = 0, lost = 0, packets = 0, video_received = 0;
   double jitter = 0;
   for (auto& entry : remotes_) {
     Remote& r = *entry.second;
     if (!r.peer) continue;
     PeerStats s = r.peer->Stats();
     received += s.bytes_received - std::min(s.bytes_received, r.last.bytes_received);
+    video_received +=
+        s.video_bytes_received - std::min(s.video_bytes_received, r.last.video_bytes_received);
     packets += s.packets_received - std::min(s.packets_received, r.last.packets_received);
     if (s.packets_lost > r.last.packets_lost) lost += s.packets_lost - r.last.packets_lost;
     jitter = std::max(jitter, s.jitter_s);
     r.last = s;
   }
   const uint64_t sent_bytes = sent.bytes_sent - std::min(sent.bytes_sent, last_sent_.bytes_sent);
+  // Video sent: the camera's share of the publisher, and every further stream (screens, network
+  // video), which sends nothing else.
+  uint64_t video_sent =
+      sent.video_bytes_sent - std::min(sent.video_bytes_sent, last_sent_.video_bytes_sent);
+  for (auto& entry : furthers_) {
+    Further& f = *entry.second;
+    const PeerStats s = f.peer->Stats();
+    video_sent += s.bytes_sent - std::min(s.bytes_sent, f.last.bytes_sent);
+    f.last = s;
+  }
   last_sent_ = sent;
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
@@ -95,5 +113,13 @@ void Core::Conditions() {
       "\"/><downstream loss=\"" + std::to_string(down_loss) + "\" latency=\"" +
       std::to_string(latency + static_cast<int>(jitter * 1000)) + "\"/></conditions></event>";
   Emit(kAudio, conditions_);
+  // The same figures for the video streams (the product's router does not pass this event on to
+  // hosts; it is sent as the video engine's part of the interface).
+  video_conditions_ = "<event name=\"video_update_conditions\"><conditions>" +
+                      Tag("received", static_cast<long>(video_received / seconds)) +
+                      Tag("sent", static_cast<long>(video_sent / seconds)) +
+                      Tag("data_bytes_dropped", 0) + Tag("ctrl_bytes_dropped", 0) +
+                      Tag("cpu_usage", cpu) + Tag("bars", bars) + "</conditions></event>";
+  Emit(kVideo, video_conditions_);
 }
 }  // namespace ktopen

@@ -173,6 +173,8 @@ std::vector<Device> ListDevices(Device::Kind kind) {
   return list;
 }
 
+std::string DeviceId(GstDevice* device) { return IdOf(device); }
+
 bool FindDevice(Device::Kind kind, const std::string& id, Device* device) {
   for (const Device& d : ListDevices(kind)) {
     if (d.id == id) {

@@ -28,6 +28,9 @@ struct Device {
 // virtual one (preferred when there is no real device). Probes the system on each call.
 std::vector<Device> ListDevices(Device::Kind kind);
 
+// The id of a device the monitor reports (its element's "device" property, else its name).
+std::string DeviceId(GstDevice* device);
+
 // Whether `id` names a device of that kind.
 bool FindDevice(Device::Kind kind, const std::string& id, Device* device);
 

@@ -297,6 +297,17 @@ PeerStats Peer::Stats() {
 PeerStats ParseStats(const GstStructure* reply) {
   PeerStats stats;
   const gint n = gst_structure_n_fields(reply);
+  // webrtcbin 1.22 gives every stream of a bundled transport the same kind and codec; the RTP
+  // source's own clock rate tells video (90 kHz) from audio, and what we send carries our SSRCs.
+  const auto is_video = [](const GstStructure* s) {
+    guint ssrc = 0;
+    if (gst_structure_get_uint(s, "ssrc", &ssrc) && ssrc == kVideoSsrc) return true;
+    const GValue* source = gst_structure_get_value(s, "gst-rtpsource-stats");
+    gint clock_rate = 0;
+    return source && GST_VALUE_HOLDS_STRUCTURE(source) &&
+           gst_structure_get_int(gst_value_get_structure(source), "clock-rate", &clock_rate) &&
+           clock_rate == 90000;
+  };
   for (gint i = 0; i < n; ++i) {
     const GValue* value = gst_structure_get_value(reply, gst_structure_nth_field_name(reply, i));
     if (!GST_VALUE_HOLDS_STRUCTURE(value)) continue;
@@ -307,9 +318,15 @@ PeerStats ParseStats(const GstStructure* reply) {
     gint64 l = 0;
     gdouble d = 0;
     if (type == GST_WEBRTC_STATS_OUTBOUND_RTP) {
-      if (gst_structure_get_uint64(s, "bytes-sent", &u)) stats.bytes_sent += u;
+      if (gst_structure_get_uint64(s, "bytes-sent", &u)) {
+        stats.bytes_sent += u;
+        if (is_video(s)) stats.video_bytes_sent += u;
+      }
     } else if (type == GST_WEBRTC_STATS_INBOUND_RTP) {
-      if (gst_structure_get_uint64(s, "bytes-received", &u)) stats.bytes_received += u;
+      if (gst_structure_get_uint64(s, "bytes-received", &u)) {
+        stats.bytes_received += u;
+        if (is_video(s)) stats.video_bytes_received += u;
+      }
       if (gst_structure_get_uint64(s, "packets-received", &u)) stats.packets_received += u;
       if (gst_structure_get_int64(s, "packets-lost", &l)) stats.packets_lost += l;
       if (gst_structure_get_double(s, "jitter", &d)) stats.jitter_s = std::max(stats.jitter_s, d);
@@ -642,7 +659,7 @@ int FrameSlot::Take() {
 
 Subscriber::~Subscriber() {
   Stop();
-  for (GstElement* element : {volume_, gate_, caps_}) {
+  for (GstElement* element : {volume_, gate_, caps_, sink_}) {
     if (element) gst_object_unref(element);
   }
 }
@@ -689,13 +706,19 @@ void Subscriber::OnPadAdded(GstElement*, GstPad* pad, gpointer self) {
   GstElement* pipeline = sub->pipeline_;
   gst_bin_add(GST_BIN(pipeline), bin);
   if (audio) {
-    GstElement* sink = CreateDeviceElement(
-        Device::kSpeaker, sub->speaker_.empty() ? std::string(kNullSpeaker) : sub->speaker_);
+    std::string speaker;
+    {
+      std::lock_guard<std::mutex> lock(sub->mutex_);
+      speaker = sub->speaker_;
+    }
+    GstElement* sink = CreateDeviceElement(Device::kSpeaker,
+                                           speaker.empty() ? std::string(kNullSpeaker) : speaker);
     if (!sink) sink = CreateDeviceElement(Device::kSpeaker, kNullSpeaker);
     gst_bin_add(GST_BIN(pipeline), sink);
     gst_element_link(bin, sink);
     gst_element_sync_state_with_parent(sink);
     std::lock_guard<std::mutex> lock(sub->mutex_);
+    sub->sink_ = GST_ELEMENT(gst_object_ref(sink));
     sub->volume_ = gst_bin_get_by_name(GST_BIN(bin), "gain");
     g_object_set(sub->volume_, "volume", sub->gain_, "mute", sub->muted_, nullptr);
   } else if (video) {

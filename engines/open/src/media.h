@@ -40,6 +40,10 @@ struct PeerStats {
   double fraction_lost = 0;       // reported by the remote side, 0..1
   double round_trip_s = 0;
   double jitter_s = 0;
+  // The video streams' part of the bytes (told by their RTP source's 90 kHz clock or our camera's
+  // SSRC, since webrtcbin does not tell audio from video when they share a transport).
+  uint64_t video_bytes_sent = 0;
+  uint64_t video_bytes_received = 0;
 };
 
 // The figures of a webrtcbin statistics reply, summed over its streams.
@@ -176,6 +180,9 @@ class Subscriber : public Peer {
   bool Start(const std::string& speaker, std::string* error);
   // Playback gain (1.0 = unchanged) and mute.
   void SetPlayback(double gain, bool muted);
+  // Moves the received sound to another speaker ("" or the null speaker: nowhere) between two
+  // buffers (output_switch.cpp). Worker thread.
+  void SetSpeaker(const std::string& speaker);
   // Decoded frames go to `slot` in that format and size while rendering.
   void Render(FrameSlot* slot, ktengine_pixel_format format, int width, int height);
   void StopRender();
@@ -190,6 +197,7 @@ class Subscriber : public Peer {
   GstElement* volume_ = nullptr;  // GUARDED_BY(mutex_)
   GstElement* gate_ = nullptr;    // GUARDED_BY(mutex_)
   GstElement* caps_ = nullptr;    // GUARDED_BY(mutex_)
+  GstElement* sink_ = nullptr;    // GUARDED_BY(mutex_): the speaker's element
   double gain_ = 1.0;
   bool muted_ = false;
   FrameSlot* slot_ = nullptr;

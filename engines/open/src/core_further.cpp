@@ -1,0 +1,250 @@
+// The open core's further streams: a shared screen and network video. Each is a publisher of its
+// own in the room (StreamPublisher), joined under an id derived from ours and stating us as its
+// owner (presence.h), so that the others announce it as a further stream of ours. Locally it is
+// announced as a stream of the local participant. The commands run on the product's threads; the
+// publishers' joining, negotiation and leaving on the worker thread.
+#include "core_private.h"
+
+namespace ktopen {
+
+bool Core::ScreenCommand(const Node& d, const Screen& screen, bool apply, std::string* error) {
+  const std::string& id = screen.id;
+  if (d.children.empty()) return Fail(error, "Nothing to change for device '" + id + "'");
+  bool has_enable = false, on = false;
+  const std::string* profile = nullptr;
+  for (const auto& setting : d.children) {
+    if (setting->name == "enable") {
+      if (!ReadFlag(*setting, &on, error)) return false;
+      has_enable = true;
+    } else if (setting->name == "profile") {
+      profile = &setting->text;
+      if (*profile != kScreenProfile) {
+        return Fail(error, "Unsupported profile '" + *profile + "' for video device '" + id + "'");
+      }
+    } else if (setting->name != "site" && setting->name != "name") {
+      return Fail(error, "Unsupported element <" + setting->name + "> in device '" + id + "'");
+    }
+  }
+  if (!has_enable) return Fail(error, "Missing <enable> for video device '" + id + "'");
+  if (on && profile == nullptr) {
+    return Fail(error, "Missing <profile> for video device '" + id + "'");
+  }
+  if (!apply) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (on && !joined_) return Fail(error, "A screen can be shared only in a meeting");
+    return true;
+  }
+  if (!on) {
+    DisableFurther(id);
+    return true;
+  }
+  FurtherSpec spec;
+  spec.key = id;
+  spec.label = screen.name;
+  spec.profile = *profile;
+  spec.width = screen.width;
+  spec.height = screen.height;
+  spec.fps = kScreenFps;
+  spec.screen = screen;
+  return EnableFurther(spec, screen.name, error);
+}
+
+bool Core::NetworkVideoCommand(const Node& node, bool apply, std::string* error) {
+  const std::string* url = TextOf(node, "url");
+  const std::string* command = TextOf(node, "command");
+  if (url == nullptr || url->empty()) return Fail(error, "Missing <url> in <local_url>");
+  if (command == nullptr) return Fail(error, "Missing <command> in <local_url>");
+  if (*command == "playback_stop") {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (further_ids_.count(*url) == 0) {
+      return Fail(error, "No network video playing from '" + *url + "'");
+    }
+  } else if (*command != "playback_start") {
+    return Fail(error, "Unsupported local_url command '" + *command + "'");
+  }
+  if (*command == "playback_stop") {
+    if (apply) DisableFurther(*url);
+    return true;
+  }
+  const std::string* profile = TextOf(node, "profile");
+  if (profile == nullptr || profile->empty()) {
+    return Fail(error, "Missing <profile> in <local_url>");
+  }
+  VideoSource source;
+  if (!apply) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!joined_) return Fail(error, "Network video can be published only in a meeting");
+    }
+    // Read once here, where a refusal can still be given; the applying pass takes the result.
+    if (!ProbeVideoSource(*url, &source, error)) return false;
+    std::lock_guard<std::mutex> lock(mutex_);
+    probed_[*url] = source;
+    return true;
+  }
+  bool probed = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = probed_.find(*url);
+    if (it != probed_.end()) {
+      source = it->second;
+      probed_.erase(it);
+      probed = true;
+    }
+  }
+  if (!probed && !ProbeVideoSource(*url, &source, error)) return false;
+  const std::string* name = TextOf(node, "name");
+  FurtherSpec spec;
+  spec.key = *url;
+  spec.label = name ? *name : "";
+  spec.profile = *profile;
+  NetworkVideoSentSize(source.width, source.height, &spec.width, &spec.height);
+  spec.fps = 15;
+  spec.network = source;
+  DisableFurther(*url);  // a source started again replaces the running one
+  return EnableFurther(spec, spec.label, error);
+}
+
+bool Core::EnableFurther(const FurtherSpec& wanted, const std::string& device_name,
+                         std::string* error) {
+  FurtherSpec spec = wanted;
+  std::string announce;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!joined_) return Fail(error, "Not in a meeting");
+    if (further_ids_.count(spec.key)) return true;  // already sent
+    const int n = ++further_count_;
+    const bool screen = spec.network.uri.empty();
+    const std::string id =
+        std::string("local/") + (screen ? "screen-" : "network-") + std::to_string(n);
+    spec.feed = uuid_ + (screen ? "-screen-" : "-network-") + std::to_string(n);
+    further_ids_[spec.key] = id;
+    announce = StreamEvent("video_site_changed", id,
+                           Tag("email", uuid_) + Tag("site", display_) + Tag("name", spec.label) +
+                               Tag("device_name", device_name) + Tag("codecName", spec.profile) +
+                               Tag("local", "true") + Tag("active", "true") +
+                               Tag("layout", kScreenLayout) + Tag("width", spec.width) +
+                               Tag("height", spec.height));
+  }
+  Emit(kVideo, announce);
+  worker_.Post([this, spec] { StartFurther(spec); });
+  return true;
+}
+
+void Core::DisableFurther(const std::string& key) {
+  std::string removed;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = further_ids_.find(key);
+    if (it == further_ids_.end()) return;
+    removed = StreamEvent("video_stream_removed", it->second, "");
+    further_ids_.erase(it);
+  }
+  Emit(kVideo, removed);
+  worker_.Post([this, key] { StopFurther(key); });
+}
+
+void Core::StartFurther(const FurtherSpec& spec) {
+  if (!janus_.is_open() || pub_handle_ == 0 || furthers_.count(spec.key)) return;
+  auto further = std::make_unique<Further>();
+  further->key = spec.key;
+  further->feed = spec.feed;
+  std::string error;
+  further->handle = janus_.Attach(&error);
+  if (further->handle == 0) {
+    Trace(kVideo, 2, "could not publish " + spec.key + ": " + error);
+    return;
+  }
+  Presence stated;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stated.name = display_;
+  }
+  stated.owner = uuid_;
+  stated.label = spec.label;
+  stated.profile = spec.profile;
+  stated.width = spec.width;
+  stated.height = spec.height;
+  stated.layout = kScreenLayout;
+  Json reply;
+  if (!janus_.Message(further->handle,
+                      PublisherJoinRequest(target_.room, EncodePresence(stated), spec.feed), "",
+                      &reply, &error)) {
+    Trace(kVideo, 2, "could not publish " + spec.key + ": " + error);
+    janus_.Detach(further->handle);
+    return;
+  }
+  const std::string key = spec.key;
+  PeerEvents events;
+  events.negotiation_needed = [this, key] { worker_.Post([this, key] { NegotiateFurther(key); }); };
+  events.candidate = [this, key](unsigned mline, const std::string& candidate) {
+    worker_.Post([=] { FurtherCandidate(key, mline, candidate); });
+  };
+  further->peer.reset(new StreamPublisher(local_ip_, server_ip_, std::move(events)));
+  const bool network = !spec.network.uri.empty();
+  GstElement* source =
+      network ? CreateNetworkVideoElement(spec.network) : CreateScreenElement(spec.screen);
+  auto ended = [this, key] { Trace(kVideo, 3, "the video source " + key + " ended"); };
+  if (!further->peer->Start(source, spec.width, spec.height, spec.fps,
+                            network && !spec.network.live, ended, &error)) {
+    Trace(kVideo, 2, "could not publish " + spec.key + ": " + error);
+    further->peer->Stop();
+    janus_.Detach(further->handle);
+    return;
+  }
+  Trace(kVideo, 3, "publishing " + spec.key + " as " + spec.feed);
+  furthers_[key] = std::move(further);
+}
+
+void Core::NegotiateFurther(const std::string& key) {
+  auto it = furthers_.find(key);
+  if (it == furthers_.end() || it->second->negotiated) return;
+  Further& f = *it->second;
+  f.negotiated = true;
+  std::string error;
+  const std::string offer = f.peer->CreateOffer(&error);
+  if (offer.empty()) {
+    Trace(kVideo, 2, error);
+    return;
+  }
+  Json reply;
+  if (!janus_.Message(f.handle, "{\"request\":\"publish\"}",
+                      "{\"type\":\"offer\",\"sdp\":" + Quote(offer) + "}", &reply, &error)) {
+    Trace(kVideo, 2, "publishing " + key + " refused: " + error);
+    return;
+  }
+  f.offer_sent = true;
+  for (const auto& c : f.pending_candidates) janus_.Trickle(f.handle, c.second, c.first);
+  f.pending_candidates.clear();
+  JsonObject* jsep = ObjectMember(reply.object(), "jsep");
+  if (!jsep || !f.peer->SetRemote("answer", StringMember(jsep, "sdp"), &error)) {
+    Trace(kVideo, 2, "publishing " + key + " failed: " + (error.empty() ? "no answer" : error));
+  }
+}
+
+void Core::FurtherCandidate(const std::string& key, unsigned mline, const std::string& candidate) {
+  auto it = furthers_.find(key);
+  if (it == furthers_.end() || !janus_.is_open()) return;
+  Further& f = *it->second;
+  if (!f.offer_sent) {
+    f.pending_candidates.emplace_back(mline, candidate);
+    return;
+  }
+  janus_.Trickle(f.handle, candidate, static_cast<int>(mline));
+}
+
+void Core::StopFurther(const std::string& key) {
+  auto it = furthers_.find(key);
+  if (it == furthers_.end()) return;
+  std::unique_ptr<Further> f = std::move(it->second);
+  furthers_.erase(it);
+  f->peer->Stop();
+  if (janus_.is_open()) {
+    Json reply;
+    std::string error;
+    janus_.Message(f->handle, "{\"request\":\"leave\"}", "", &reply, &error);
+    janus_.Detach(f->handle);
+  }
+}
+
+}  // namespace ktopen
