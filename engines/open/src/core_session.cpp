@@ -3,6 +3,7 @@
 // leaving, trickled candidates), and leaving (Disconnect, Exit). Join, Leave and OnJanusEvent run
 // on the worker thread.
 #include "core_private.h"
+#include "test_camera.h"
 
 namespace ktopen {
 
@@ -77,6 +78,7 @@ bool Core::Join(const Target& target, const std::string& display, const std::str
     return false;
   }
   my_id_ = StringMember(data, "id");
+  SetPictureIdentity(my_id_);
   private_id_ = StringMember(data, "private_id");
   {
     std::lock_guard<std::mutex> lock(mutex_);

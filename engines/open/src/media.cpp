@@ -417,17 +417,17 @@ void Publisher::Swap(GstElement** current, GstElement* replacement, const char* 
   if (old_src) gst_object_unref(old_src);
 }
 
-void Publisher::SelectSource(Device::Kind kind, const std::string& wanted, const char* generated,
-                             void (*toggle)(GstElement*, bool), const char* downstream,
-                             std::string* current, GstElement** source) {
+void Publisher::SelectSource(Device::Kind kind, const std::string& wanted,
+                             void (*toggle)(GstElement*, const std::string&),
+                             const char* downstream, std::string* current, GstElement** source) {
   if (wanted == *current) return;
-  const auto isGenerated = [generated](const std::string& id) {
-    return id.empty() || id == generated;
+  const auto isGenerated = [kind](const std::string& id) {
+    return id.empty() || IsVirtualSource(kind, id);
   };
   if (isGenerated(wanted) && isGenerated(*current)) {
-    // The generated source and "off" are the same element: no swap, which would wait for the
+    // The generated sources and "off" are the same element: no swap, which would wait for the
     // streaming thread while webrtcbin holds it until the connection is up.
-    toggle(*source, !wanted.empty());
+    toggle(*source, wanted);
     *current = wanted;
     return;
   }
@@ -441,8 +441,8 @@ void Publisher::SelectSource(Device::Kind kind, const std::string& wanted, const
 void Publisher::SetMicrophone(const std::string& id, bool enabled, int volume) {
   if (!pipeline_ || stopped_) return;
   const std::string wanted = enabled ? id : "";
-  SelectSource(Device::kMicrophone, wanted, kTestToneMicrophone, SetTestTone, "audio_in",
-               &microphone_, &audio_source_);
+  SelectSource(Device::kMicrophone, wanted, SwitchVirtualMicrophone, "audio_in", &microphone_,
+               &audio_source_);
   GstElement* gain = gst_bin_get_by_name(GST_BIN(pipeline_), "micvol");
   if (gain) {
     g_object_set(gain, "volume", std::clamp(volume, 0, 100) / 100.0, "mute", !enabled, nullptr);
@@ -453,8 +453,7 @@ void Publisher::SetMicrophone(const std::string& id, bool enabled, int volume) {
 void Publisher::SetCamera(const std::string& id, bool enabled, int width, int height, int fps) {
   if (!pipeline_ || stopped_) return;
   const std::string wanted = enabled ? id : "";
-  SelectSource(Device::kCamera, wanted, kTestPatternCamera, SetTestPattern, "video_in", &camera_,
-               &video_source_);
+  SelectSource(Device::kCamera, wanted, SwitchVirtualCamera, "video_in", &camera_, &video_source_);
   GstElement* caps = gst_bin_get_by_name(GST_BIN(pipeline_), "camcaps");
   if (caps) {
     GstCaps* wanted_caps =

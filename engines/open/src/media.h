@@ -108,11 +108,11 @@ class Publisher : public Peer {
  private:
   void Swap(GstElement** current, GstElement* replacement, const char* downstream);
   // Switches *source (feeding downstream) to device wanted, "" meaning off, and records it in
-  // *current. The generated device turns on and off in place through toggle; any other change
+  // *current. The generated devices switch in place through toggle; any other change
   // swaps in a new element.
-  void SelectSource(Device::Kind kind, const std::string& wanted, const char* generated,
-                    void (*toggle)(GstElement*, bool), const char* downstream, std::string* current,
-                    GstElement** source);
+  void SelectSource(Device::Kind kind, const std::string& wanted,
+                    void (*toggle)(GstElement*, const std::string&), const char* downstream,
+                    std::string* current, GstElement** source);
 
   GstElement* audio_source_ = nullptr;
   GstElement* video_source_ = nullptr;
