@@ -32,6 +32,7 @@ if $live; then
     libsoup-3.0-dev libjson-glib-dev                # the server's HTTP API
     gstreamer1.0-plugins-base-apps gstreamer1.0-tools  # gst-device-monitor-1.0, gst-inspect-1.0
     iproute2 util-linux curl                        # tools/meeting-server: namespace, veth, probes
+    iptables                                        # tools/meeting-faults: random loss
   )
 fi
 
