@@ -32,6 +32,7 @@
 #include "event_queue.h"
 #include "janus.h"
 #include "media.h"
+#include "reconnect.h"
 #include "worker.h"
 
 namespace ktopen {
@@ -113,6 +114,12 @@ class Core {
   void ApplyPlayback();
   void Tick();
   void Conditions();
+  // reconnect.cpp: watching the server, suspending the meeting when it is lost, rejoining.
+  void WatchServer();
+  void CheckServer();
+  void ServerLost(const std::string& why);
+  void DropSession();
+  void TryRejoin();
 
   bool AudioCommand(const Node& root, bool apply, std::string* error);
   bool VideoCommand(const Node& root, bool apply, std::string* error);
@@ -166,6 +173,10 @@ class Core {
   PeerStats last_sent_;
   rusage last_usage_{};
   std::chrono::steady_clock::time_point last_conditions_;
+  std::unique_ptr<ServerWatch> watch_;  // while joined and the server answers
+  bool server_lost_ = false;
+  uint64_t lost_session_ = 0;  // the session the server may still hold after a loss
+  std::chrono::steady_clock::time_point next_lost_report_, next_rejoin_;
 };
 
 }  // namespace ktopen

@@ -95,6 +95,7 @@ bool Core::Join(const Target& target, const std::string& display, const std::str
 
   if (!StartPublishing(error)) return false;
   for (const RoomPublisher& publisher : AnnouncedPublishers(data)) AddRemote(publisher);
+  WatchServer();
   return true;
 }
 
@@ -123,6 +124,9 @@ void Core::OnJanusEvent(const Json& event) {
 }
 
 void Core::Leave() {
+  watch_.reset();
+  server_lost_ = false;
+  lost_session_ = 0;
   for (auto& entry : remotes_) {
     if (entry.second->peer) entry.second->peer->Stop();
     if (entry.second->slot) entry.second->slot->Stop();

@@ -29,6 +29,7 @@ void Core::ApplyPlayback() {
 }
 
 void Core::Tick() {
+  CheckServer();
   if (!publisher_) return;
   int loudest = 0;
   bool speakers;

@@ -233,8 +233,8 @@ bool Janus::Open(const std::string& base_url, EventHandler handler, std::string*
   return true;
 }
 
-void Janus::Close() {
-  if (session_ != 0) {
+void Janus::Close(bool goodbye) {
+  if (session_ != 0 && goodbye) {
     std::string ignored;
     Post("/" + std::to_string(session_),
          "{\"janus\":\"destroy\",\"transaction\":" + Quote(NewTransaction()) + "}", &ignored);

@@ -83,9 +83,11 @@ class Janus {
 
   // Creates a session at `base_url` ("http://host:port/path") and starts polling it.
   bool Open(const std::string& base_url, EventHandler handler, std::string* error);
-  // Destroys the session (Janus then tells the others that our handles left) and stops polling.
-  void Close();
+  // Destroys the session (Janus then tells the others that our handles left) and stops polling;
+  // without `goodbye` the session is only forgotten here (the server is gone or unreachable).
+  void Close(bool goodbye = true);
   bool is_open() const { return session_ != 0; }
+  uint64_t session() const { return session_; }
 
   // Attaches a handle to the VideoRoom plugin; 0 on failure.
   uint64_t Attach(std::string* error);

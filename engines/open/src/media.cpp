@@ -16,6 +16,7 @@
 #include <sstream>
 
 #include "devices.h"
+#include "recovery.h"
 
 namespace ktopen {
 
@@ -97,6 +98,7 @@ bool Peer::Setup(std::string* error) {
   gst_bin_add(GST_BIN(pipeline_), webrtc_);
   gst_util_set_object_arg(G_OBJECT(webrtc_), "bundle-policy", "max-bundle");
   g_object_set(webrtc_, "latency", 100, nullptr);
+  EnableRetransmission(webrtc_);
 
   // Keep ICE to the interface that reaches the meeting server: no UPnP (it multicasts), no TCP.
   GstWebRTCICE* ice = nullptr;
@@ -218,7 +220,9 @@ std::string Peer::CreateOffer(std::string* error) {
 }
 
 std::string Peer::CreateAnswer(std::string* error) {
-  return CreateDescription("create-answer", "answer", "Could not make a WebRTC answer", error);
+  // Only receiving peers answer (the server offers each subscription).
+  return AnnounceReceiverSsrc(webrtc_, CreateDescription("create-answer", "answer",
+                                                         "Could not make a WebRTC answer", error));
 }
 
 std::string Peer::CreateDescription(const char* signal, const char* field, const char* failure,
@@ -332,26 +336,27 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
   if (!Setup(error)) return false;
   // Every hand-off between threads costs a wake-up, which is dear on small machines: the sources'
   // threads encode and send, and only the camera has a queue, which drops pictures rather than
-  // let a slow encoder hold the camera up. Opus at low complexity is plenty for speech at 32 kbps.
-  // Macroblocks that did not change at all are skipped (static-threshold), so a still picture
-  // costs little to encode.
+  // let a slow encoder hold the camera up. Opus at low complexity is plenty for speech at 32 kbps;
+  // its in-band FEC lets the receiver rebuild a lost packet from the next one. Macroblocks that did
+  // not change at all are skipped (static-threshold), so a still picture costs little to encode.
   char description[2048];
-  std::snprintf(
-      description, sizeof description,
-      "audioconvert name=audio_in ! audioresample ! "
-      "audio/x-raw,rate=48000,channels=1 ! volume name=micvol ! "
-      "level name=miclevel interval=100000000 post-messages=true ! "
-      "opusenc bitrate=32000 complexity=1 ! rtpopuspay pt=111 ! "
-      "application/x-rtp,media=audio,encoding-name=OPUS,payload=111,clock-rate=48000,"
-      "ssrc=(uint)%u ! webrtc_a. "
-      "videorate name=video_in ! queue leaky=downstream max-size-buffers=2 "
-      "max-size-bytes=0 max-size-time=0 ! videoconvert ! videoscale ! "
-      "capsfilter name=camcaps caps=video/x-raw,width=%d,height=%d,framerate=%d/1 ! "
-      "vp8enc deadline=1 threads=1 cpu-used=16 static-threshold=100 target-bitrate=500000 "
-      "keyframe-max-dist=60 ! rtpvp8pay pt=96 ! "
-      "application/x-rtp,media=video,encoding-name=VP8,payload=96,clock-rate=90000,"
-      "ssrc=(uint)%u ! webrtc_v.",
-      kAudioSsrc, width, height, fps, kVideoSsrc);
+  std::snprintf(description, sizeof description,
+                "audioconvert name=audio_in ! audioresample ! "
+                "audio/x-raw,rate=48000,channels=1 ! volume name=micvol ! "
+                "level name=miclevel interval=100000000 post-messages=true ! "
+                "opusenc bitrate=32000 complexity=1 inband-fec=true packet-loss-percentage=10 ! "
+                "rtpopuspay pt=111 ! "
+                "application/x-rtp,media=audio,encoding-name=OPUS,payload=111,clock-rate=48000,"
+                "ssrc=(uint)%u ! webrtc_a. "
+                "videorate name=video_in ! queue leaky=downstream max-size-buffers=2 "
+                "max-size-bytes=0 max-size-time=0 ! videoconvert ! videoscale ! "
+                "capsfilter name=camcaps caps=video/x-raw,width=%d,height=%d,framerate=%d/1 ! "
+                "vp8enc name=encoder deadline=1 threads=1 cpu-used=16 static-threshold=100 "
+                "target-bitrate=500000 error-resilient=default "
+                "keyframe-max-dist=60 ! rtpvp8pay pt=96 ! "
+                "application/x-rtp,media=video,encoding-name=VP8,payload=96,clock-rate=90000,"
+                "ssrc=(uint)%u ! webrtc_v.",
+                kAudioSsrc, width, height, fps, kVideoSsrc);
   // The two chains end in webrtcbin's request pads, linked by hand below.
   std::string chains = description;
   chains.replace(chains.find("webrtc_a."), 9, "identity name=to_webrtc_a");
@@ -610,17 +615,18 @@ void Subscriber::OnPadAdded(GstElement*, GstPad* pad, gpointer self) {
   const bool audio = media && std::strcmp(media, "audio") == 0;
   const bool video = media && std::strcmp(media, "video") == 0;
   gst_caps_unref(caps);
-  // Decoding runs on the jitter buffer's thread, without a queue of its own. After a loss the
-  // video waits for the next key frame and asks the sender for one; so does a subscription that
-  // starts between two key frames.
+  // Decoding runs on the jitter buffer's thread, without a queue of its own. A loss that
+  // retransmission did not repair in time asks the sender for a key frame, and decoding goes on
+  // meanwhile (the picture shows the damage until the key frame comes rather than freezing);
+  // a subscription that starts between two key frames waits for one.
   const char* description = nullptr;
   if (audio) {
     description =
-        "rtpopusdepay ! opusdec ! audioconvert ! audioresample ! "
+        "rtpopusdepay ! opusdec use-inband-fec=true plc=true ! audioconvert ! audioresample ! "
         "level interval=100000000 post-messages=true ! volume name=gain";
   } else if (video) {
     description =
-        "rtpvp8depay request-keyframe=true wait-for-keyframe=true ! vp8dec threads=1 ! valve "
+        "rtpvp8depay request-keyframe=true wait-for-keyframe=false ! vp8dec threads=1 ! valve "
         "name=gate drop=true ! videoconvert ! videoscale ! "
         "capsfilter name=size ! appsink name=frames max-buffers=1 drop=true sync=false";
   } else {
