@@ -51,6 +51,7 @@ bool Core::Connect(EngineId engine, const std::string& url, const std::string& d
 bool Core::Join(const Target& target, const std::string& display, const std::string& uuid,
                 std::string* error) {
   if (!ResolveAddresses(target.host, &server_ip_, &local_ip_, error)) return false;
+  janus_.SetLog([this](const std::string& line) { Trace(kVideo, 2, line); });
   if (!janus_.Open(
           target.base_url,
           [this](const Json& event) { worker_.Post([this, event] { OnJanusEvent(event); }); },

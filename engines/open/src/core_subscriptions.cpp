@@ -2,6 +2,7 @@
 // announcements and removals, and the frames the product polls. AddRemote, Subscribe and
 // RemoveRemote run on the worker thread; FrameReady on the product's frame-polling threads.
 #include "core_private.h"
+#include "peer_names.h"
 
 #include <thread>
 
@@ -12,11 +13,14 @@ void Core::AddRemote(const RoomPublisher& publisher) {
   if (feed == my_id_ || remotes_.count(feed)) return;
   const bool video = publisher.video;
   auto remote = std::make_unique<Remote>();
+  // The id and name are the peer's own choice: the documents get safe stream ids and clean,
+  // short texts (peer_names.h).
+  const std::string base = StreamBase(feed), identity = CleanName(feed);
   remote->feed = feed;
-  remote->display = publisher.display;
-  remote->audio_id = feed + "/audio";
+  remote->display = CleanName(publisher.display);
+  remote->audio_id = base + "/audio";
   if (video) {
-    remote->video_id = feed + "/video";
+    remote->video_id = base + "/video";
     remote->slot = std::make_shared<FrameSlot>();
   }
   {
@@ -26,10 +30,10 @@ void Core::AddRemote(const RoomPublisher& publisher) {
     if (video) videos_[remote->video_id] = remote->slot;
   }
   Emit(kAudio, StreamEvent("audio_site_changed", remote->audio_id,
-                           Tag("site", remote->display) + Tag("email", feed)));
+                           Tag("site", remote->display) + Tag("email", identity)));
   if (video) {
     Emit(kVideo, StreamEvent("video_site_changed", remote->video_id,
-                             Tag("email", feed) + Tag("site", remote->display) +
+                             Tag("email", identity) + Tag("site", remote->display) +
                                  Tag("name", "Camera") + Tag("codecName", "VP8 640x480 (30FPS)") +
                                  Tag("local", "false") + Tag("active", "true") + Tag("layout", 0) +
                                  Tag("width", kAnnouncedWidth) + Tag("height", kAnnouncedHeight)));

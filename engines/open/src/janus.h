@@ -81,6 +81,9 @@ class Janus {
   Janus& operator=(const Janus&) = delete;
   ~Janus();
 
+  // Where a message the server sent but that could not be read is reported (one line each).
+  void SetLog(std::function<void(const std::string&)> log) { log_ = std::move(log); }
+
   // Creates a session at `base_url` ("http://host:port/path") and starts polling it.
   bool Open(const std::string& base_url, EventHandler handler, std::string* error);
   // Destroys the session (Janus then tells the others that our handles left) and stops polling;
@@ -116,6 +119,7 @@ class Janus {
   std::string base_;
   uint64_t session_ = 0;
   EventHandler handler_;
+  std::function<void(const std::string&)> log_;
 
   std::mutex http_mutex_;  // one request at a time on the request session
   SoupSession* http_ = nullptr;
