@@ -44,7 +44,10 @@ void Core::Tick() {
     Emit(kAudio,
          "<event name=\"output_meter\">" + Tag("meter", std::min(100, loudest)) + "</event>");
   }
-  if (++ticks_ % 10 == 0) Conditions();
+  if (++ticks_ % 10 == 0) {
+    publisher_->AdaptBitrate();
+    Conditions();
+  }
 }
 
 void Core::Conditions() {

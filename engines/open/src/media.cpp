@@ -405,6 +405,8 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
   return Play(error);
 }
 
+guint Publisher::video_ssrc() { return kVideoSsrc; }
+
 void Publisher::Swap(GstElement** current, GstElement* replacement, const char* downstream) {
   GstElement* bin = nullptr;
   GstPad* old_src = gst_element_get_static_pad(*current, "src");

@@ -139,7 +139,10 @@ void Core::CheckServer() {
   }
   const auto now = std::chrono::steady_clock::now();
   if (!server_lost_) {
-    if (watch_ && watch_->lost()) ServerLost(watch_->reason());
+    if (watch_ && watch_->lost() &&
+        !(publisher_ && publisher_->HeardFromServerWithin(kServerSilenceLimit))) {
+      ServerLost(watch_->reason());
+    }
     return;
   }
   if (now >= next_lost_report_) {

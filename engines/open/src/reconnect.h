@@ -18,7 +18,9 @@ namespace ktopen {
 
 inline constexpr auto kKeepaliveEvery = std::chrono::seconds(1);
 inline constexpr int kKeepaliveTimeoutSeconds = 2;
-inline constexpr auto kServerSilenceLimit = std::chrono::seconds(3);  // then it is lost
+// The server is lost when its HTTP API has not answered for this long and no receiver report of
+// its media came either (a congested link can starve the HTTP connection for a while).
+inline constexpr auto kServerSilenceLimit = std::chrono::seconds(4);
 inline constexpr auto kRejoinEvery = std::chrono::seconds(2);
 
 // Thread safety: lost() from any thread; construction and destruction on one thread.

@@ -8,6 +8,13 @@ namespace ktopen {
 namespace {
 
 void Retransmit(GstWebRTCRTPTransceiver* transceiver) {
+  // Audio is not retransmitted: Opus carries its own FEC, and the server neither asks for nor
+  // accepts audio retransmissions.
+  GstWebRTCKind kind = GST_WEBRTC_KIND_UNKNOWN;
+  if (g_object_class_find_property(G_OBJECT_GET_CLASS(transceiver), "kind")) {
+    g_object_get(transceiver, "kind", &kind, nullptr);
+  }
+  if (kind == GST_WEBRTC_KIND_AUDIO) return;
   // do-nack: the receiving side's jitter buffer asks for what is missing (and waits for it within
   // its latency); the sending side keeps what it sent and answers with RTX (RFC 4588), which the
   // offer then announces.
@@ -20,12 +27,13 @@ void Retransmit(GstWebRTCRTPTransceiver* transceiver) {
 // unless an early one is allowed, and with the default interval most requests came after the
 // jitter buffer had given the packet up. RTCP stays within its share of the bandwidth.
 constexpr guint64 kRtcpMinIntervalNs = 100 * GST_MSECOND;
-
-void OnRtpBinElement(GstBin*, GstElement* element, gpointer) {
+void OnElement(GstBin*, GstBin*, GstElement* element, gpointer) {
   GstElementFactory* factory = gst_element_get_factory(element);
-  if (factory && g_strcmp0(GST_OBJECT_NAME(factory), "rtpsession") == 0 &&
-      g_object_class_find_property(G_OBJECT_GET_CLASS(element), "rtcp-min-interval")) {
+  const gchar* kind = factory ? GST_OBJECT_NAME(factory) : "";
+  if (g_strcmp0(kind, "rtpsession") == 0) {
     g_object_set(element, "rtcp-min-interval", kRtcpMinIntervalNs, nullptr);
+  } else if (g_strcmp0(kind, "rtprtxsend") == 0) {
+    g_object_set(element, "max-size-time", static_cast<guint>(kRetransmitHistoryMs), nullptr);
   }
 }
 
@@ -37,25 +45,37 @@ void OnNewTransceiver(GstElement*, GstWebRTCRTPTransceiver* transceiver, gpointe
 
 void EnableRetransmission(GstElement* webrtc) {
   g_signal_connect(webrtc, "on-new-transceiver", G_CALLBACK(&OnNewTransceiver), nullptr);
-  GstElement* rtpbin = gst_bin_get_by_name(GST_BIN(webrtc), "rtpbin");
-  if (rtpbin) {
-    g_signal_connect(rtpbin, "element-added", G_CALLBACK(&OnRtpBinElement), nullptr);
-    GstIterator* children = gst_bin_iterate_elements(GST_BIN(rtpbin));
-    GValue item = G_VALUE_INIT;
-    while (gst_iterator_next(children, &item) == GST_ITERATOR_OK) {
-      OnRtpBinElement(GST_BIN(rtpbin), GST_ELEMENT(g_value_get_object(&item)), nullptr);
-      g_value_reset(&item);
-    }
-    g_value_unset(&item);
-    gst_iterator_free(children);
-    gst_object_unref(rtpbin);
+  // The RTP sessions and retransmission senders are made inside webrtcbin as streams appear.
+  g_signal_connect(webrtc, "deep-element-added", G_CALLBACK(&OnElement), nullptr);
+  GstIterator* children = gst_bin_iterate_recurse(GST_BIN(webrtc));
+  GValue item = G_VALUE_INIT;
+  while (gst_iterator_next(children, &item) == GST_ITERATOR_OK) {
+    OnElement(GST_BIN(webrtc), nullptr, GST_ELEMENT(g_value_get_object(&item)), nullptr);
+    g_value_reset(&item);
   }
+  g_value_unset(&item);
+  gst_iterator_free(children);
   GArray* transceivers = nullptr;
   g_signal_emit_by_name(webrtc, "get-transceivers", &transceivers);
   for (guint i = 0; transceivers && i < transceivers->len; ++i) {
     Retransmit(g_array_index(transceivers, GstWebRTCRTPTransceiver*, i));
   }
   if (transceivers) g_array_unref(transceivers);
+}
+
+void SetRetransmitHistory(GstElement* webrtc, unsigned ms) {
+  GstIterator* children = gst_bin_iterate_recurse(GST_BIN(webrtc));
+  GValue item = G_VALUE_INIT;
+  while (gst_iterator_next(children, &item) == GST_ITERATOR_OK) {
+    GstElement* element = GST_ELEMENT(g_value_get_object(&item));
+    GstElementFactory* factory = gst_element_get_factory(element);
+    if (factory && g_strcmp0(GST_OBJECT_NAME(factory), "rtprtxsend") == 0) {
+      g_object_set(element, "max-size-time", static_cast<guint>(ms), nullptr);
+    }
+    g_value_reset(&item);
+  }
+  g_value_unset(&item);
+  gst_iterator_free(children);
 }
 
 std::string AnnounceReceiverSsrc(GstElement* webrtc, const std::string& answer) {

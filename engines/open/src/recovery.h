@@ -17,6 +17,13 @@ namespace ktopen {
 // the first description is made or set.
 void EnableRetransmission(GstElement* webrtc);
 
+// How long a sender keeps what it sent for retransmission: normally about a receiver's jitter
+// buffer (an older packet is useless to it); on a congested link next to nothing, since every
+// retransmission then takes the place of new video and is lost again as likely.
+inline constexpr unsigned kRetransmitHistoryMs = 250;
+inline constexpr unsigned kNoRetransmitHistoryMs = 1;
+void SetRetransmitHistory(GstElement* webrtc, unsigned ms);
+
 // A receiving peer's answer with the SSRC its RTCP is sent from announced in the video section.
 // A receive-only peer sends no media, so the server cannot otherwise tell which of the bundled
 // streams its feedback is about, and took NACKs for video as the audio's (and retransmitted
