@@ -40,11 +40,7 @@ namespace {
 // RTP session keeps the report blocks it received with the source that sent them (the server),
 // naming the source they are about. False when there is none yet.
 bool VideoReport(GstElement* webrtc, guint ssrc, double* lost, double* round_trip, guint* highest) {
-  GstElement* rtpbin = gst_bin_get_by_name(GST_BIN(webrtc), "rtpbin");
-  if (!rtpbin) return false;
-  GObject* session = nullptr;
-  g_signal_emit_by_name(rtpbin, "get-internal-session", 0u, &session);
-  gst_object_unref(rtpbin);
+  GObject* session = InternalRtpSession(webrtc);
   if (!session) return false;
   GstStructure* stats = nullptr;
   g_object_get(session, "stats", &stats, nullptr);

@@ -121,19 +121,25 @@ GstElement* Inner(GstElement* source, const char* name) {
 // probe on its output paints each picture black instead while the camera is off.
 constexpr const char* kCameraOffKey = "ktopen-camera-off";
 
-GstPadProbeReturn PaintBlack(GstPad* pad, GstPadProbeInfo* info, gpointer off) {
-  if (!static_cast<std::atomic<bool>*>(off)->load(std::memory_order_relaxed)) {
-    return GST_PAD_PROBE_OK;
-  }
+// The I420 picture a camera probe is about to pass on, made writable and mapped into *frame
+// (unmap it after); false when it is in another format.
+bool MapPicture(GstPad* pad, GstPadProbeInfo* info, GstVideoFrame* frame) {
   GstCaps* caps = gst_pad_get_current_caps(pad);
   GstVideoInfo video;
   const bool known = caps && gst_video_info_from_caps(&video, caps);
   if (caps) gst_caps_unref(caps);
-  if (!known || GST_VIDEO_INFO_FORMAT(&video) != GST_VIDEO_FORMAT_I420) return GST_PAD_PROBE_OK;
+  if (!known || GST_VIDEO_INFO_FORMAT(&video) != GST_VIDEO_FORMAT_I420) return false;
   GstBuffer* buffer = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
   GST_PAD_PROBE_INFO_DATA(info) = buffer;
+  return gst_video_frame_map(frame, &video, buffer, GST_MAP_WRITE);
+}
+
+GstPadProbeReturn PaintBlack(GstPad* pad, GstPadProbeInfo* info, gpointer off) {
+  if (!static_cast<std::atomic<bool>*>(off)->load(std::memory_order_relaxed)) {
+    return GST_PAD_PROBE_OK;
+  }
   GstVideoFrame frame;
-  if (!gst_video_frame_map(&frame, &video, buffer, GST_MAP_WRITE)) return GST_PAD_PROBE_OK;
+  if (!MapPicture(pad, info, &frame)) return GST_PAD_PROBE_OK;
   for (guint plane = 0; plane < 3; ++plane) {
     const int rows = GST_VIDEO_FRAME_COMP_HEIGHT(&frame, plane);
     const int stride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane);
@@ -160,15 +166,8 @@ GstPadProbeReturn DrawMoving(GstPad* pad, GstPadProbeInfo* info, gpointer data) 
       picture->off->load(std::memory_order_relaxed)) {
     return GST_PAD_PROBE_OK;
   }
-  GstCaps* caps = gst_pad_get_current_caps(pad);
-  GstVideoInfo video;
-  const bool known = caps && gst_video_info_from_caps(&video, caps);
-  if (caps) gst_caps_unref(caps);
-  if (!known || GST_VIDEO_INFO_FORMAT(&video) != GST_VIDEO_FORMAT_I420) return GST_PAD_PROBE_OK;
-  GstBuffer* buffer = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
-  GST_PAD_PROBE_INFO_DATA(info) = buffer;
   GstVideoFrame frame;
-  if (!gst_video_frame_map(&frame, &video, buffer, GST_MAP_WRITE)) return GST_PAD_PROBE_OK;
+  if (!MapPicture(pad, info, &frame)) return GST_PAD_PROBE_OK;
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   const uint64_t ms = static_cast<uint64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;

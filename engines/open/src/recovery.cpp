@@ -78,12 +78,17 @@ void SetRetransmitHistory(GstElement* webrtc, unsigned ms) {
   gst_iterator_free(children);
 }
 
-std::string AnnounceReceiverSsrc(GstElement* webrtc, const std::string& answer) {
+GObject* InternalRtpSession(GstElement* webrtc) {
   GstElement* rtpbin = gst_bin_get_by_name(GST_BIN(webrtc), "rtpbin");
-  if (!rtpbin) return answer;
+  if (!rtpbin) return nullptr;
   GObject* session = nullptr;
   g_signal_emit_by_name(rtpbin, "get-internal-session", 0u, &session);
   gst_object_unref(rtpbin);
+  return session;
+}
+
+std::string AnnounceReceiverSsrc(GstElement* webrtc, const std::string& answer) {
+  GObject* session = InternalRtpSession(webrtc);
   if (!session) return answer;
   guint ssrc = 0;
   if (g_object_class_find_property(G_OBJECT_GET_CLASS(session), "internal-ssrc")) {

@@ -17,6 +17,9 @@ namespace ktopen {
 // the first description is made or set.
 void EnableRetransmission(GstElement* webrtc);
 
+// The RTP session of a webrtcbin's bundled streams (a new reference), or nullptr.
+GObject* InternalRtpSession(GstElement* webrtc);
+
 // How long a sender keeps what it sent for retransmission: normally about a receiver's jitter
 // buffer (an older packet is useless to it); on a congested link next to nothing, since every
 // retransmission then takes the place of new video and is lost again as likely.
