@@ -21,9 +21,10 @@
  *   C ms bars downstream_loss upstream_loss received sent   conditions (once a second)
  * Per other participant a line "live-host NAME: from UUID frames F, first frame T ms, amplitude P,
  * codes C, wrong identity W, missing M, latency median X ms p95 Y ms"; the last line is
- * "live-host NAME: frames F, first frame T ms, amplitude P, arrivals A, departures D, snapshot S"
- * (the fewest frames and amplitudes and the latest first frame over the others), and the exit
- * status is 0 when every expectation held.
+ * "live-host NAME: frames F, first frame T ms, amplitude P, arrivals A, departures D, snapshot S,
+ * bytes/s in R out T" (the conditions' figures over the window; the fewest frames and amplitudes
+ * and the latest first frame over the others), and the exit status is 0 when every expectation
+ * held.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -67,6 +68,8 @@ static struct {
   double joinedAt;
   double windowSeconds;
   unsigned long arrivals, departures;
+  double receivedSum, sentSum; /* conditions' bytes a second, summed while a window is open */
+  unsigned long conditions;
   int wantSnapshot;
   double lastCopy;
   DemoImage last;
@@ -212,6 +215,11 @@ static void onConditions(int received, int sent, int dataBytesDropped, int ctrlB
   if (m.samples) {
     fprintf(m.samples, "C %llu %d %d %d %d %d\n", wallMs(), bars, downstreamLoss, upstreamLoss,
             received, sent);
+  }
+  if (m.count > 0 && inWindow(&m.others[0], now())) {
+    m.receivedSum += received;
+    m.sentSum += sent;
+    ++m.conditions;
   }
   pthread_mutex_unlock(&m.lock);
 }
@@ -444,9 +452,10 @@ static int report(const Options* o, const char* snapshotResult) {
   }
   printf(
       "live-host %s: frames %lu, first frame %.0f ms, amplitude %lu, arrivals %lu, departures %lu, "
-      "snapshot %s\n",
+      "snapshot %s, bytes/s in %.0f out %.0f\n",
       o->name, fewestFrames, latestFirst, fewestAmplitudes, m.arrivals, m.departures,
-      snapshotResult);
+      snapshotResult, m.conditions ? m.receivedSum / m.conditions : 0.0,
+      m.conditions ? m.sentSum / m.conditions : 0.0);
   if (m.count < o->expect || fewestFrames == 0 || fewestAmplitudes == 0 || m.arrivals == 0) {
     failed = 1;
   }
