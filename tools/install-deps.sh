@@ -38,6 +38,7 @@ if $live; then
     iproute2 util-linux curl                        # tools/meeting-server: namespace, veth, probes
     libx11-dev                                      # the engines list X11 screens; x11-window
     xvfb xauth                                      # tools/live-features: a screen to share
+    iptables                                        # tools/meeting-faults: random loss
   )
 fi
 

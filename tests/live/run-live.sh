@@ -6,6 +6,8 @@
 #   run-live.sh meeting ENGINES   tools/live-meeting; ENGINES is "open" when the build holds the
 #                                 open engines
 #   run-live.sh features ENGINES  tools/live-features (three hosts), likewise
+#   run-live.sh meeting4 ENGINES  tools/live-meeting --hosts 4
+#   run-live.sh faults ENGINES    tools/live-faults: loss, a narrow link, a server kill and restart
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
@@ -24,7 +26,11 @@ case "$mode" in
            verdict="live meeting: ok" ;;
   features) command=("$root/tools/live-features")
             verdict="live features: ok" ;;
-  *) echo "usage: run-live.sh server | meeting ENGINES | features ENGINES" >&2; exit 2 ;;
+  meeting4) command=("$root/tools/live-meeting" --hosts 4)
+            verdict="live meeting: ok" ;;
+  faults) command=("$root/tools/live-faults")
+          verdict="live faults: ok" ;;
+  *) echo "usage: run-live.sh server | meeting | meeting4 | features | faults ENGINES" >&2; exit 2 ;;
 esac
 
 if [ "$mode" != server ] && [ "$engines" != open ]; then
@@ -37,6 +43,10 @@ done
 timeout 10 unshare --net --pid --fork --mount-proc -- ip link add v0 type veth peer name v1 \
   >/dev/null 2>&1 || skip "this machine does not allow a private network namespace with a veth pair"
 [ -x "${command[0]}" ] || skip "${command[0]#"$root/"} is not there"
+if [ "$mode" = faults ]; then
+  command -v iptables >/dev/null || skip "'iptables' is missing (bash tools/install-deps.sh --live)"
+  command -v tc >/dev/null || skip "'tc' is missing (bash tools/install-deps.sh --live)"
+fi
 
 # Packets on the machine's own interfaces, to show what the run added there: nothing of the
 # meeting should, so anything seen is other traffic of the machine (informative, not a verdict).

@@ -38,6 +38,7 @@
 #include "screens.h"
 #include "sounds.h"
 #include "stream_publisher.h"
+#include "reconnect.h"
 #include "worker.h"
 
 namespace ktopen {
@@ -151,6 +152,12 @@ class Core {
   void Conditions();
   // A device in use that disappeared is replaced by the default one (core_hotplug.cpp).
   void FollowRemovedDevices();
+  // reconnect.cpp: watching the server, suspending the meeting when it is lost, rejoining.
+  void WatchServer();
+  void CheckServer();
+  void ServerLost(const std::string& why);
+  void DropSession();
+  void TryRejoin();
 
   bool AudioCommand(const Node& root, bool apply, std::string* error);
   bool VideoCommand(const Node& root, bool apply, std::string* error);
@@ -227,6 +234,10 @@ class Core {
   PeerStats last_sent_;
   rusage last_usage_{};
   std::chrono::steady_clock::time_point last_conditions_;
+  std::unique_ptr<ServerWatch> watch_;  // while joined and the server answers
+  bool server_lost_ = false;
+  uint64_t lost_session_ = 0;  // the session the server may still hold after a loss
+  std::chrono::steady_clock::time_point next_lost_report_, next_rejoin_;
 };
 
 }  // namespace ktopen

@@ -3,6 +3,7 @@
 // leaving, trickled candidates), and leaving (Disconnect, Exit). Join, Leave and OnJanusEvent run
 // on the worker thread.
 #include "core_private.h"
+#include "test_camera.h"
 
 namespace ktopen {
 
@@ -50,6 +51,7 @@ bool Core::Connect(EngineId engine, const std::string& url, const std::string& d
 bool Core::Join(const Target& target, const std::string& display, const std::string& uuid,
                 std::string* error) {
   if (!ResolveAddresses(target.host, &server_ip_, &local_ip_, error)) return false;
+  janus_.SetLog([this](const std::string& line) { Trace(kVideo, 2, line); });
   if (!janus_.Open(
           target.base_url,
           [this](const Json& event) { worker_.Post([this, event] { OnJanusEvent(event); }); },
@@ -83,6 +85,7 @@ bool Core::Join(const Target& target, const std::string& display, const std::str
     return false;
   }
   my_id_ = StringMember(data, "id");
+  SetPictureIdentity(my_id_);
   private_id_ = StringMember(data, "private_id");
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -100,6 +103,7 @@ bool Core::Join(const Target& target, const std::string& display, const std::str
   if (!StartPublishing(error)) return false;
   device_watch_.Start();
   for (const RoomPublisher& publisher : AnnouncedPublishers(data)) AddRemote(publisher);
+  WatchServer();
   return true;
 }
 
@@ -133,6 +137,9 @@ void Core::OnJanusEvent(const Json& event) {
 }
 
 void Core::Leave() {
+  watch_.reset();
+  server_lost_ = false;
+  lost_session_ = 0;
   for (auto& entry : remotes_) {
     if (entry.second->peer) entry.second->peer->Stop();
     if (entry.second->slot) entry.second->slot->Stop();

@@ -33,6 +33,7 @@ void Core::ApplyPlayback() {
 }
 
 void Core::Tick() {
+  CheckServer();
   if (!publisher_) return;
   FollowRemovedDevices();
   int loudest = 0;
@@ -48,7 +49,10 @@ void Core::Tick() {
     Emit(kAudio,
          "<event name=\"output_meter\">" + Tag("meter", std::min(100, loudest)) + "</event>");
   }
-  if (++ticks_ % 10 == 0) Conditions();
+  if (++ticks_ % 10 == 0) {
+    publisher_->AdaptBitrate();
+    Conditions();
+  }
 }
 
 void Core::Conditions() {

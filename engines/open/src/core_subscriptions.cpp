@@ -2,6 +2,7 @@
 // announcements and removals, and the frames the product polls. AddRemote, Subscribe and
 // RemoveRemote run on the worker thread; FrameReady on the product's frame-polling threads.
 #include "core_private.h"
+#include "peer_names.h"
 
 #include <thread>
 
@@ -12,16 +13,19 @@ void Core::AddRemote(const RoomPublisher& publisher) {
   if (feed == my_id_ || remotes_.count(feed)) return;
   const bool video = publisher.video;
   auto remote = std::make_unique<Remote>();
+  // The id, the name and all that the sender states are the peer's own choice: the documents get
+  // safe stream ids and clean, short texts (peer_names.h).
+  const std::string base = StreamBase(feed), identity = CleanName(feed);
   remote->feed = feed;
+  // A further stream (a screen, network video) belongs to its owner; our own are not received.
   remote->presence = DecodePresence(publisher.display);
   const Presence& p = remote->presence;
-  remote->display = p.name;
-  // A further stream (a screen, network video) belongs to its owner; our own are not received.
+  remote->display = CleanName(p.name);
   remote->extra = !p.owner.empty();
   if (remote->extra && (p.owner == uuid_ || !video)) return;
-  remote->audio_id = remote->extra ? "" : feed + "/audio";
+  remote->audio_id = remote->extra ? "" : base + "/audio";
   if (video) {
-    remote->video_id = feed + "/video";
+    remote->video_id = base + "/video";
     remote->slot = std::make_shared<FrameSlot>();
   }
   {
@@ -35,14 +39,14 @@ void Core::AddRemote(const RoomPublisher& publisher) {
   }
   if (!remote->extra) {
     Emit(kAudio, StreamEvent("audio_site_changed", remote->audio_id,
-                             Tag("site", remote->display) + Tag("email", feed)));
+                             Tag("site", remote->display) + Tag("email", identity)));
   }
   if (video) {
-    const std::string owner = remote->extra ? p.owner : feed;
+    const std::string owner = remote->extra ? CleanName(p.owner) : identity;
     Emit(kVideo, StreamEvent("video_site_changed", remote->video_id,
                              Tag("email", owner) + Tag("site", remote->display) +
-                                 Tag("name", p.label.empty() ? "Camera" : p.label) +
-                                 Tag("codecName", p.profile) + Tag("local", "false") +
+                                 Tag("name", p.label.empty() ? "Camera" : CleanName(p.label)) +
+                                 Tag("codecName", CleanName(p.profile)) + Tag("local", "false") +
                                  Tag("active", "true") + Tag("layout", p.layout) +
                                  Tag("width", p.width) + Tag("height", p.height)));
   }

@@ -5,10 +5,14 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+
+#include "test_camera.h"
 
 namespace ktopen {
 
 const char* const kTestPatternCamera = "test-pattern";
+const char* const kTestCamera = "test-camera";
 const char* const kTestToneMicrophone = "test-tone";
 const char* const kNullSpeaker = "null-speaker";
 
@@ -117,19 +121,25 @@ GstElement* Inner(GstElement* source, const char* name) {
 // probe on its output paints each picture black instead while the camera is off.
 constexpr const char* kCameraOffKey = "ktopen-camera-off";
 
-GstPadProbeReturn PaintBlack(GstPad* pad, GstPadProbeInfo* info, gpointer off) {
-  if (!static_cast<std::atomic<bool>*>(off)->load(std::memory_order_relaxed)) {
-    return GST_PAD_PROBE_OK;
-  }
+// The I420 picture a camera probe is about to pass on, made writable and mapped into *frame
+// (unmap it after); false when it is in another format.
+bool MapPicture(GstPad* pad, GstPadProbeInfo* info, GstVideoFrame* frame) {
   GstCaps* caps = gst_pad_get_current_caps(pad);
   GstVideoInfo video;
   const bool known = caps && gst_video_info_from_caps(&video, caps);
   if (caps) gst_caps_unref(caps);
-  if (!known || GST_VIDEO_INFO_FORMAT(&video) != GST_VIDEO_FORMAT_I420) return GST_PAD_PROBE_OK;
+  if (!known || GST_VIDEO_INFO_FORMAT(&video) != GST_VIDEO_FORMAT_I420) return false;
   GstBuffer* buffer = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
   GST_PAD_PROBE_INFO_DATA(info) = buffer;
+  return gst_video_frame_map(frame, &video, buffer, GST_MAP_WRITE);
+}
+
+GstPadProbeReturn PaintBlack(GstPad* pad, GstPadProbeInfo* info, gpointer off) {
+  if (!static_cast<std::atomic<bool>*>(off)->load(std::memory_order_relaxed)) {
+    return GST_PAD_PROBE_OK;
+  }
   GstVideoFrame frame;
-  if (!gst_video_frame_map(&frame, &video, buffer, GST_MAP_WRITE)) return GST_PAD_PROBE_OK;
+  if (!MapPicture(pad, info, &frame)) return GST_PAD_PROBE_OK;
   for (guint plane = 0; plane < 3; ++plane) {
     const int rows = GST_VIDEO_FRAME_COMP_HEIGHT(&frame, plane);
     const int stride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane);
@@ -140,7 +150,51 @@ GstPadProbeReturn PaintBlack(GstPad* pad, GstPadProbeInfo* info, gpointer off) {
   return GST_PAD_PROBE_OK;
 }
 
+// The moving picture (test_camera.h) drawn over each repeated picture while the camera is on and
+// the moving one was chosen.
+constexpr const char* kCameraMovingKey = "ktopen-camera-moving";
+
+struct MovingPicture {
+  std::atomic<bool> moving{false};
+  std::atomic<bool>* off = nullptr;  // the camera's switch, owned by its pattern element
+  uint32_t frames = 0;               // the streaming thread's own
+};
+
+GstPadProbeReturn DrawMoving(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
+  auto* picture = static_cast<MovingPicture*>(data);
+  if (!picture->moving.load(std::memory_order_relaxed) ||
+      picture->off->load(std::memory_order_relaxed)) {
+    return GST_PAD_PROBE_OK;
+  }
+  GstVideoFrame frame;
+  if (!MapPicture(pad, info, &frame)) return GST_PAD_PROBE_OK;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const uint64_t ms = static_cast<uint64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+  DrawTestCamera(static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0)),
+                 GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0),
+                 static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 1)),
+                 static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 2)),
+                 GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 1), GST_VIDEO_FRAME_WIDTH(&frame),
+                 GST_VIDEO_FRAME_HEIGHT(&frame), picture->frames++, static_cast<uint32_t>(ms),
+                 CurrentPictureIdentity());
+  gst_video_frame_unmap(&frame);
+  return GST_PAD_PROBE_OK;
+}
+
 }  // namespace
+
+bool IsVirtualSource(Device::Kind kind, const std::string& id) {
+  switch (kind) {
+    case Device::kMicrophone:
+      return id == kTestToneMicrophone;
+    case Device::kCamera:
+      return id == kTestPatternCamera || id == kTestCamera;
+    case Device::kSpeaker:
+      return id == kNullSpeaker;
+  }
+  return false;
+}
 
 std::vector<Device> ListDevices(Device::Kind kind) {
   std::vector<Device> list;
@@ -170,6 +224,11 @@ std::vector<Device> ListDevices(Device::Kind kind) {
   if (!list.empty() && !any_preferred && kind != Device::kCamera) list.front().preferred = true;
   v.preferred = list.empty() && kind != Device::kCamera;
   list.push_back(v);
+  if (kind == Device::kCamera) {
+    v.id = kTestCamera;
+    v.name = "Test camera";
+    list.push_back(v);
+  }
   return list;
 }
 
@@ -186,14 +245,16 @@ bool FindDevice(Device::Kind kind, const std::string& id, Device* device) {
 }
 
 GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool off) {
-  if (kind == Device::kCamera && (id == kTestPatternCamera || off)) {
+  if (kind == Device::kCamera && (IsVirtualSource(kind, id) || off)) {
     // Drawing the bars costs more than encoding them: two pictures a second are drawn (in the
     // encoder's format, at the size asked downstream) and the latest one is repeated at the
     // camera's rate. The bars are full height: cheaper to encode than the version with a lower
-    // band.
+    // band. The moving camera is the same element with its picture drawn over each repeat, so
+    // that switching between the two, and off, happens in place.
     GstElement* camera = ParsedBin(
         "videotestsrc name=pattern is-live=true pattern=smpte100 ! "
-        "video/x-raw,format=I420,framerate=2/1 ! imagefreeze is-live=true allow-replace=true");
+        "video/x-raw,format=I420,framerate=2/1 ! "
+        "imagefreeze name=repeat is-live=true allow-replace=true");
     if (!camera) return nullptr;
     GstElement* pattern = Inner(camera, "pattern");
     GstPad* pad = gst_element_get_static_pad(pattern, "src");
@@ -202,6 +263,16 @@ GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool o
     gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, PaintBlack, switched_off,
                       [](gpointer flag) { delete static_cast<std::atomic<bool>*>(flag); });
     gst_object_unref(pad);
+    auto* picture = new MovingPicture();
+    picture->moving = id == kTestCamera;
+    picture->off = switched_off;
+    g_object_set_data(G_OBJECT(pattern), kCameraMovingKey, picture);
+    GstElement* repeat = Inner(camera, "repeat");
+    pad = gst_element_get_static_pad(repeat, "src");
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, DrawMoving, picture,
+                      [](gpointer p) { delete static_cast<MovingPicture*>(p); });
+    gst_object_unref(pad);
+    gst_object_unref(repeat);
     gst_object_unref(pattern);
     return camera;
   }
@@ -234,6 +305,19 @@ void SetTestPattern(GstElement* camera, bool on) {
   auto* off = static_cast<std::atomic<bool>*>(g_object_get_data(G_OBJECT(pattern), kCameraOffKey));
   if (off) off->store(!on, std::memory_order_relaxed);
   gst_object_unref(pattern);
+}
+
+void SwitchVirtualCamera(GstElement* camera, const std::string& id) {
+  GstElement* pattern = Inner(camera, "pattern");
+  auto* picture =
+      static_cast<MovingPicture*>(g_object_get_data(G_OBJECT(pattern), kCameraMovingKey));
+  if (picture && !id.empty()) picture->moving.store(id == kTestCamera, std::memory_order_relaxed);
+  gst_object_unref(pattern);
+  SetTestPattern(camera, !id.empty());
+}
+
+void SwitchVirtualMicrophone(GstElement* microphone, const std::string& id) {
+  SetTestTone(microphone, !id.empty());
 }
 
 void SetTestTone(GstElement* microphone, bool on) {

@@ -12,6 +12,7 @@
 namespace ktopen {
 
 extern const char* const kTestPatternCamera;   // "test-pattern"
+extern const char* const kTestCamera;          // "test-camera" (moving, test_camera.h)
 extern const char* const kTestToneMicrophone;  // "test-tone"
 extern const char* const kNullSpeaker;         // "null-speaker"
 
@@ -38,6 +39,14 @@ bool FindDevice(Device::Kind kind, const std::string& id, Device* device);
 // camera's pattern is colour bars (a bin with a "src" pad); `off` gives black frames or silence
 // instead.
 GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool off = false);
+
+// Whether `id` is one of the virtual devices of that kind.
+bool IsVirtualSource(Device::Kind kind, const std::string& id);
+
+// Switches a virtual source made by CreateDeviceElement in place to the virtual device `id`, ""
+// meaning off (black frames, silence).
+void SwitchVirtualCamera(GstElement* camera, const std::string& id);
+void SwitchVirtualMicrophone(GstElement* microphone, const std::string& id);
 
 // Switches a virtual source made by CreateDeviceElement in place: the camera between the colour
 // bars and black, the microphone between the tone and silence.

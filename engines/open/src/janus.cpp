@@ -233,8 +233,8 @@ bool Janus::Open(const std::string& base_url, EventHandler handler, std::string*
   return true;
 }
 
-void Janus::Close() {
-  if (session_ != 0) {
+void Janus::Close(bool goodbye) {
+  if (session_ != 0 && goodbye) {
     std::string ignored;
     Post("/" + std::to_string(session_),
          "{\"janus\":\"destroy\",\"transaction\":" + Quote(NewTransaction()) + "}", &ignored);
@@ -368,7 +368,8 @@ void Janus::PollLoop() {
     } else {
       gsize size = 0;
       const char* data = static_cast<const char*>(g_bytes_get_data(answer, &size));
-      Json events = Json::Parse(std::string(data, size), nullptr);
+      std::string problem;
+      Json events = Json::Parse(std::string(data, size), &problem);
       g_bytes_unref(answer);
       g_object_unref(message);
       if (events.node() && JSON_NODE_HOLDS_ARRAY(events.node())) {
@@ -378,6 +379,9 @@ void Janus::PollLoop() {
         }
       } else if (events.object()) {
         Dispatch(events);
+      } else if (log_) {
+        log_("refused a message from the meeting server (" + std::to_string(size) +
+             " bytes): " + (problem.empty() ? "neither an object nor a list" : problem));
       }
     }
     // A long poll keeps the session alive too; an explicit keepalive covers slow polls.

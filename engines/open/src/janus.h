@@ -81,11 +81,16 @@ class Janus {
   Janus& operator=(const Janus&) = delete;
   ~Janus();
 
+  // Where a message the server sent but that could not be read is reported (one line each).
+  void SetLog(std::function<void(const std::string&)> log) { log_ = std::move(log); }
+
   // Creates a session at `base_url` ("http://host:port/path") and starts polling it.
   bool Open(const std::string& base_url, EventHandler handler, std::string* error);
-  // Destroys the session (Janus then tells the others that our handles left) and stops polling.
-  void Close();
+  // Destroys the session (Janus then tells the others that our handles left) and stops polling;
+  // without `goodbye` the session is only forgotten here (the server is gone or unreachable).
+  void Close(bool goodbye = true);
   bool is_open() const { return session_ != 0; }
+  uint64_t session() const { return session_; }
 
   // Attaches a handle to the VideoRoom plugin; 0 on failure.
   uint64_t Attach(std::string* error);
@@ -114,6 +119,7 @@ class Janus {
   std::string base_;
   uint64_t session_ = 0;
   EventHandler handler_;
+  std::function<void(const std::string&)> log_;
 
   std::mutex http_mutex_;  // one request at a time on the request session
   SoupSession* http_ = nullptr;

@@ -16,6 +16,7 @@
 #include <sstream>
 
 #include "devices.h"
+#include "recovery.h"
 
 namespace ktopen {
 
@@ -97,6 +98,7 @@ bool Peer::Setup(std::string* error) {
   gst_bin_add(GST_BIN(pipeline_), webrtc_);
   gst_util_set_object_arg(G_OBJECT(webrtc_), "bundle-policy", "max-bundle");
   g_object_set(webrtc_, "latency", 100, nullptr);
+  EnableRetransmission(webrtc_);
 
   // Keep ICE to the interface that reaches the meeting server: no UPnP (it multicasts), no TCP.
   GstWebRTCICE* ice = nullptr;
@@ -218,7 +220,9 @@ std::string Peer::CreateOffer(std::string* error) {
 }
 
 std::string Peer::CreateAnswer(std::string* error) {
-  return CreateDescription("create-answer", "answer", "Could not make a WebRTC answer", error);
+  // Only receiving peers answer (the server offers each subscription).
+  return AnnounceReceiverSsrc(webrtc_, CreateDescription("create-answer", "answer",
+                                                         "Could not make a WebRTC answer", error));
 }
 
 std::string Peer::CreateDescription(const char* signal, const char* field, const char* failure,
@@ -349,23 +353,25 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
   if (!Setup(error)) return false;
   // Every hand-off between threads costs a wake-up, which is dear on small machines: the sources'
   // threads encode and send, and only the camera has a queue, which drops pictures rather than
-  // let a slow encoder hold the camera up. Opus at low complexity is plenty for speech at 32 kbps.
-  // Macroblocks that did not change at all are skipped (static-threshold), so a still picture
-  // costs little to encode.
+  // let a slow encoder hold the camera up. Opus at low complexity is plenty for speech at 32 kbps;
+  // its in-band FEC lets the receiver rebuild a lost packet from the next one. Macroblocks that did
+  // not change at all are skipped (static-threshold), so a still picture costs little to encode.
   char description[2048];
   std::snprintf(
       description, sizeof description,
       "audioconvert name=audio_in ! audioresample ! "
       "audio/x-raw,rate=48000,channels=1 ! volume name=micvol ! "
       "level name=miclevel interval=100000000 post-messages=true ! "
-      "opusenc bitrate=32000 complexity=1 ! rtpopuspay pt=111 ! "
+      "opusenc bitrate=32000 complexity=1 inband-fec=true packet-loss-percentage=10 ! "
+      "rtpopuspay pt=111 ! "
       "application/x-rtp,media=audio,encoding-name=OPUS,payload=111,clock-rate=48000,"
       "ssrc=(uint)%u ! webrtc_a. "
       "videorate name=video_in ! queue leaky=downstream max-size-buffers=2 "
       "max-size-bytes=0 max-size-time=0 ! videoconvert ! videoscale ! "
       "capsfilter name=camcaps caps=video/x-raw,width=%d,height=%d,framerate=%d/1 ! "
       "tee name=camtee ! videoflip name=rotate method=none ! "
-      "vp8enc deadline=1 threads=1 cpu-used=16 static-threshold=100 target-bitrate=500000 "
+      "vp8enc name=encoder deadline=1 threads=1 cpu-used=16 static-threshold=100 "
+      "target-bitrate=500000 error-resilient=default "
       "keyframe-max-dist=60 ! rtpvp8pay pt=96 ! "
       "application/x-rtp,media=video,encoding-name=VP8,payload=96,clock-rate=90000,"
       "ssrc=(uint)%u ! webrtc_v.",
@@ -433,6 +439,8 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
   return Play(error);
 }
 
+guint Publisher::video_ssrc() { return kVideoSsrc; }
+
 void Publisher::Swap(GstElement** current, GstElement* replacement, const char* downstream) {
   GstElement* bin = nullptr;
   GstPad* old_src = gst_element_get_static_pad(*current, "src");
@@ -450,17 +458,17 @@ void Publisher::Swap(GstElement** current, GstElement* replacement, const char* 
   if (old_src) gst_object_unref(old_src);
 }
 
-void Publisher::SelectSource(Device::Kind kind, const std::string& wanted, const char* generated,
-                             void (*toggle)(GstElement*, bool), const char* downstream,
-                             std::string* current, GstElement** source) {
+void Publisher::SelectSource(Device::Kind kind, const std::string& wanted,
+                             void (*toggle)(GstElement*, const std::string&),
+                             const char* downstream, std::string* current, GstElement** source) {
   if (wanted == *current) return;
-  const auto isGenerated = [generated](const std::string& id) {
-    return id.empty() || id == generated;
+  const auto isGenerated = [kind](const std::string& id) {
+    return id.empty() || IsVirtualSource(kind, id);
   };
   if (isGenerated(wanted) && isGenerated(*current)) {
-    // The generated source and "off" are the same element: no swap, which would wait for the
+    // The generated sources and "off" are the same element: no swap, which would wait for the
     // streaming thread while webrtcbin holds it until the connection is up.
-    toggle(*source, !wanted.empty());
+    toggle(*source, wanted);
     *current = wanted;
     return;
   }
@@ -474,8 +482,8 @@ void Publisher::SelectSource(Device::Kind kind, const std::string& wanted, const
 void Publisher::SetMicrophone(const std::string& id, bool enabled, int volume) {
   if (!pipeline_ || stopped_) return;
   const std::string wanted = enabled ? id : "";
-  SelectSource(Device::kMicrophone, wanted, kTestToneMicrophone, SetTestTone, "audio_in",
-               &microphone_, &audio_source_);
+  SelectSource(Device::kMicrophone, wanted, SwitchVirtualMicrophone, "audio_in", &microphone_,
+               &audio_source_);
   GstElement* gain = gst_bin_get_by_name(GST_BIN(pipeline_), "micvol");
   if (gain) {
     g_object_set(gain, "volume", std::clamp(volume, 0, 100) / 100.0, "mute", !enabled, nullptr);
@@ -486,8 +494,7 @@ void Publisher::SetMicrophone(const std::string& id, bool enabled, int volume) {
 void Publisher::SetCamera(const std::string& id, bool enabled, int width, int height, int fps) {
   if (!pipeline_ || stopped_) return;
   const std::string wanted = enabled ? id : "";
-  SelectSource(Device::kCamera, wanted, kTestPatternCamera, SetTestPattern, "video_in", &camera_,
-               &video_source_);
+  SelectSource(Device::kCamera, wanted, SwitchVirtualCamera, "video_in", &camera_, &video_source_);
   GstElement* caps = gst_bin_get_by_name(GST_BIN(pipeline_), "camcaps");
   if (caps) {
     GstCaps* wanted_caps =
@@ -681,17 +688,18 @@ void Subscriber::OnPadAdded(GstElement*, GstPad* pad, gpointer self) {
   const bool audio = media && std::strcmp(media, "audio") == 0;
   const bool video = media && std::strcmp(media, "video") == 0;
   gst_caps_unref(caps);
-  // Decoding runs on the jitter buffer's thread, without a queue of its own. After a loss the
-  // video waits for the next key frame and asks the sender for one; so does a subscription that
-  // starts between two key frames.
+  // Decoding runs on the jitter buffer's thread, without a queue of its own. A loss that
+  // retransmission did not repair in time asks the sender for a key frame, and decoding goes on
+  // meanwhile (the picture shows the damage until the key frame comes rather than freezing);
+  // a subscription that starts between two key frames waits for one.
   const char* description = nullptr;
   if (audio) {
     description =
-        "rtpopusdepay ! opusdec ! audioconvert ! audioresample ! "
+        "rtpopusdepay ! opusdec use-inband-fec=true plc=true ! audioconvert ! audioresample ! "
         "level interval=100000000 post-messages=true ! volume name=gain";
   } else if (video) {
     description =
-        "rtpvp8depay request-keyframe=true wait-for-keyframe=true ! vp8dec threads=1 ! valve "
+        "rtpvp8depay request-keyframe=true wait-for-keyframe=false ! vp8dec threads=1 ! valve "
         "name=gate drop=true ! videoconvert ! videoscale ! "
         "capsfilter name=size ! appsink name=frames max-buffers=1 drop=true sync=false";
   } else {

@@ -8,6 +8,7 @@
 #include <gst/gst.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -15,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "congestion.h"
 #include "devices.h"
 #include "ktengine/frame.h"
 
@@ -115,15 +117,21 @@ class Publisher : public Peer {
   // Self view: the camera's pictures before encoding go to `slot` in that format and size.
   void RenderSelf(FrameSlot* slot, ktengine_pixel_format format, int width, int height);
   void StopSelf();
+  // Sets the camera's bitrate from the server's newest receiver report, if there is a new one
+  // (congestion.cpp). Call about once a second.
+  void AdaptBitrate();
+  // Whether a new receiver report from the server came within `limit` (as of the last
+  // AdaptBitrate): the server is alive, whatever its HTTP API does on a congested link.
+  bool HeardFromServerWithin(std::chrono::milliseconds limit) const;
 
  private:
   void Swap(GstElement** current, GstElement* replacement, const char* downstream);
   // Switches *source (feeding downstream) to device wanted, "" meaning off, and records it in
-  // *current. The generated device turns on and off in place through toggle; any other change
+  // *current. The generated devices switch in place through toggle; any other change
   // swaps in a new element.
-  void SelectSource(Device::Kind kind, const std::string& wanted, const char* generated,
-                    void (*toggle)(GstElement*, bool), const char* downstream, std::string* current,
-                    GstElement** source);
+  void SelectSource(Device::Kind kind, const std::string& wanted,
+                    void (*toggle)(GstElement*, const std::string&), const char* downstream,
+                    std::string* current, GstElement** source);
 
   static GstFlowReturn OnSelfSample(GstElement* sink, gpointer self);
   void ApplySelf();  // REQUIRES: self_mutex_ held
@@ -136,6 +144,16 @@ class Publisher : public Peer {
   int self_width_ = 0, self_height_ = 0;
   std::string microphone_;  // the device behind audio_source_ ("" silence)
   std::string camera_;      // the device behind video_source_ ("" black)
+  static guint video_ssrc();
+  BitrateController bitrate_{kVideoMinBitrate, kVideoMaxBitrate, kVideoMaxBitrate};
+  guint last_report_highest_ = 0;
+  bool congested_ = false;
+  // Below kHalfRateBitrate every other picture is dropped before the encoder: a moving picture
+  // at 640x480 costs VP8 about 190 kbit/s at 30 frames a second even at its coarsest.
+  std::atomic<bool> half_rate_{false};
+  bool rate_probe_ = false;
+  unsigned frame_parity_ = 0;  // the camera's streaming thread's own
+  std::chrono::steady_clock::time_point last_report_at_;
 };
 
 // The frames of one rendered stream, shared between the decoder's thread (which leaves the newest
