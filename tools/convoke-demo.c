@@ -230,28 +230,28 @@ static void registerCallbacks(void) {
 
 /* ---- devices ------------------------------------------------------------------------------ */
 
+/* Enables the preferred audio device of a list (else its first) and says which it is. */
+static void pickAudio(const char* label, void (*list)(char***, unsigned short*, char**),
+                      int (*enable)(const char*)) {
+  char** devices = NULL;
+  unsigned short count = 0;
+  char* preferred = NULL;
+  list(&devices, &count, &preferred);
+  if (count > 0) {
+    const char* device = preferred != NULL ? preferred : devices[0];
+    printf("%-11s %s (%u available)%s\n", label, device, count,
+           enable(device) ? "" : getLastError());
+  }
+  free(preferred);
+}
+
 static void pickDevices(void) {
   char** list = NULL;
   char** screens = NULL;
   unsigned short count = 0, screenCount = 0;
-  char* preferred = NULL;
 
-  getAudioInputDevices(&list, &count, &preferred);
-  if (count > 0) {
-    const char* mic = preferred != NULL ? preferred : list[0];
-    printf("microphone: %s (%u available)%s\n", mic, count,
-           enableAudioInput(mic) ? "" : getLastError());
-  }
-  free(preferred);
-  preferred = NULL;
-
-  getAudioOutputDevices(&list, &count, &preferred);
-  if (count > 0) {
-    const char* speaker = preferred != NULL ? preferred : list[0];
-    printf("speakers:   %s (%u available)%s\n", speaker, count,
-           enableAudioOutput(speaker) ? "" : getLastError());
-  }
-  free(preferred);
+  pickAudio("microphone:", getAudioInputDevices, enableAudioInput);
+  pickAudio("speakers:", getAudioOutputDevices, enableAudioOutput);
 
   getVideoDevices(&list, &count, &screens, &screenCount);
   if (count > 0) {
