@@ -38,15 +38,15 @@ bool Core::ScreenCommand(const Node& d, const Screen& screen, bool apply, std::s
     DisableFurther(id);
     return true;
   }
-  FurtherSpec spec;
-  spec.key = id;
-  spec.label = screen.name;
-  spec.profile = *profile;
-  spec.width = screen.width;
-  spec.height = screen.height;
-  spec.fps = kScreenFps;
-  spec.screen = screen;
-  return EnableFurther(spec, screen.name, error);
+  FurtherStream stream;
+  stream.key = id;
+  stream.label = screen.name;
+  stream.profile = *profile;
+  stream.width = screen.width;
+  stream.height = screen.height;
+  stream.fps = kScreenFps;
+  stream.screen = screen;
+  return EnableFurther(stream, screen.name, error);
 }
 
 bool Core::NetworkVideoCommand(const Node& node, bool apply, std::string* error) {
@@ -94,40 +94,40 @@ bool Core::NetworkVideoCommand(const Node& node, bool apply, std::string* error)
   }
   if (!probed && !ProbeVideoSource(*url, &source, error)) return false;
   const std::string* name = TextOf(node, "name");
-  FurtherSpec spec;
-  spec.key = *url;
-  spec.label = name ? *name : "";
-  spec.profile = *profile;
-  NetworkVideoSentSize(source.width, source.height, &spec.width, &spec.height);
-  spec.fps = 15;
-  spec.network = source;
+  FurtherStream stream;
+  stream.key = *url;
+  stream.label = name ? *name : "";
+  stream.profile = *profile;
+  NetworkVideoSentSize(source.width, source.height, &stream.width, &stream.height);
+  stream.fps = 15;
+  stream.network = source;
   DisableFurther(*url);  // a source started again replaces the running one
-  return EnableFurther(spec, spec.label, error);
+  return EnableFurther(stream, stream.label, error);
 }
 
-bool Core::EnableFurther(const FurtherSpec& wanted, const std::string& device_name,
+bool Core::EnableFurther(const FurtherStream& wanted, const std::string& device_name,
                          std::string* error) {
-  FurtherSpec spec = wanted;
+  FurtherStream stream = wanted;
   std::string announce;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!joined_) return Fail(error, "Not in a meeting");
-    if (further_ids_.count(spec.key)) return true;  // already sent
+    if (further_ids_.count(stream.key)) return true;  // already sent
     const int n = ++further_count_;
-    const bool screen = spec.network.uri.empty();
+    const bool screen = stream.network.uri.empty();
     const std::string id =
         std::string("local/") + (screen ? "screen-" : "network-") + std::to_string(n);
-    spec.feed = uuid_ + (screen ? "-screen-" : "-network-") + std::to_string(n);
-    further_ids_[spec.key] = id;
+    stream.feed = uuid_ + (screen ? "-screen-" : "-network-") + std::to_string(n);
+    further_ids_[stream.key] = id;
     announce = StreamEvent("video_site_changed", id,
-                           Tag("email", uuid_) + Tag("site", display_) + Tag("name", spec.label) +
-                               Tag("device_name", device_name) + Tag("codecName", spec.profile) +
+                           Tag("email", uuid_) + Tag("site", display_) + Tag("name", stream.label) +
+                               Tag("device_name", device_name) + Tag("codecName", stream.profile) +
                                Tag("local", "true") + Tag("active", "true") +
-                               Tag("layout", kScreenLayout) + Tag("width", spec.width) +
-                               Tag("height", spec.height));
+                               Tag("layout", kScreenLayout) + Tag("width", stream.width) +
+                               Tag("height", stream.height));
   }
   Emit(kVideo, announce);
-  worker_.Post([this, spec] { StartFurther(spec); });
+  worker_.Post([this, stream] { StartFurther(stream); });
   return true;
 }
 
@@ -144,15 +144,15 @@ void Core::DisableFurther(const std::string& key) {
   worker_.Post([this, key] { StopFurther(key); });
 }
 
-void Core::StartFurther(const FurtherSpec& spec) {
-  if (!janus_.is_open() || pub_handle_ == 0 || furthers_.count(spec.key)) return;
+void Core::StartFurther(const FurtherStream& stream) {
+  if (!janus_.is_open() || pub_handle_ == 0 || furthers_.count(stream.key)) return;
   auto further = std::make_unique<Further>();
-  further->key = spec.key;
-  further->feed = spec.feed;
+  further->key = stream.key;
+  further->feed = stream.feed;
   std::string error;
   further->handle = janus_.Attach(&error);
   if (further->handle == 0) {
-    Trace(kVideo, 2, "could not publish " + spec.key + ": " + error);
+    Trace(kVideo, 2, "could not publish " + stream.key + ": " + error);
     return;
   }
   Presence stated;
@@ -161,38 +161,38 @@ void Core::StartFurther(const FurtherSpec& spec) {
     stated.name = display_;
   }
   stated.owner = uuid_;
-  stated.label = spec.label;
-  stated.profile = spec.profile;
-  stated.width = spec.width;
-  stated.height = spec.height;
+  stated.label = stream.label;
+  stated.profile = stream.profile;
+  stated.width = stream.width;
+  stated.height = stream.height;
   stated.layout = kScreenLayout;
   Json reply;
   if (!janus_.Message(further->handle,
-                      PublisherJoinRequest(target_.room, EncodePresence(stated), spec.feed), "",
+                      PublisherJoinRequest(target_.room, EncodePresence(stated), stream.feed), "",
                       &reply, &error)) {
-    Trace(kVideo, 2, "could not publish " + spec.key + ": " + error);
+    Trace(kVideo, 2, "could not publish " + stream.key + ": " + error);
     janus_.Detach(further->handle);
     return;
   }
-  const std::string key = spec.key;
+  const std::string key = stream.key;
   PeerEvents events;
   events.negotiation_needed = [this, key] { worker_.Post([this, key] { NegotiateFurther(key); }); };
   events.candidate = [this, key](unsigned mline, const std::string& candidate) {
     worker_.Post([=] { FurtherCandidate(key, mline, candidate); });
   };
   further->peer.reset(new StreamPublisher(local_ip_, server_ip_, std::move(events)));
-  const bool network = !spec.network.uri.empty();
+  const bool network = !stream.network.uri.empty();
   GstElement* source =
-      network ? CreateNetworkVideoElement(spec.network) : CreateScreenElement(spec.screen);
+      network ? CreateNetworkVideoElement(stream.network) : CreateScreenElement(stream.screen);
   auto ended = [this, key] { Trace(kVideo, 3, "the video source " + key + " ended"); };
-  if (!further->peer->Start(source, spec.width, spec.height, spec.fps,
-                            network && !spec.network.live, ended, &error)) {
-    Trace(kVideo, 2, "could not publish " + spec.key + ": " + error);
+  if (!further->peer->Start(source, stream.width, stream.height, stream.fps,
+                            network && !stream.network.live, ended, &error)) {
+    Trace(kVideo, 2, "could not publish " + stream.key + ": " + error);
     further->peer->Stop();
     janus_.Detach(further->handle);
     return;
   }
-  Trace(kVideo, 3, "publishing " + spec.key + " as " + spec.feed);
+  Trace(kVideo, 3, "publishing " + stream.key + " as " + stream.feed);
   furthers_[key] = std::move(further);
 }
 

@@ -35,10 +35,10 @@
 #include "media.h"
 #include "network_video.h"
 #include "presence.h"
+#include "reconnect.h"
 #include "screens.h"
 #include "sounds.h"
 #include "stream_publisher.h"
-#include "reconnect.h"
 #include "worker.h"
 
 namespace ktopen {
@@ -91,7 +91,7 @@ struct Further {
 };
 
 // What a further stream sends and how it is stated to the room.
-struct FurtherSpec {
+struct FurtherStream {
   std::string key, label, profile;
   std::string feed;  // its publisher id in the room
   int width = 0, height = 0, fps = kScreenFps;
@@ -174,9 +174,10 @@ class Core {
   // local_url element; the worker's side of publishing them.
   bool ScreenCommand(const Node& d, const Screen& screen, bool apply, std::string* error);
   bool NetworkVideoCommand(const Node& node, bool apply, std::string* error);
-  bool EnableFurther(const FurtherSpec& spec, const std::string& device_name, std::string* error);
+  bool EnableFurther(const FurtherStream& stream, const std::string& device_name,
+                     std::string* error);
   void DisableFurther(const std::string& key);
-  void StartFurther(const FurtherSpec& spec);
+  void StartFurther(const FurtherStream& stream);
   void NegotiateFurther(const std::string& key);
   void FurtherCandidate(const std::string& key, unsigned mline, const std::string& candidate);
   void StopFurther(const std::string& key);
