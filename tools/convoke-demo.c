@@ -25,6 +25,7 @@
 #include <unistd.h>
 
 #include "convoke/convoke.h"
+#include "demo_clock.h"
 #include "demo_frame.h"
 #include "demo_options.h"
 #include "demo_register.h"
@@ -268,12 +269,6 @@ static void pickDevices(void) {
 
 /* ---- view --------------------------------------------------------------------------------- */
 
-static double now(void) {
-  struct timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return (double)t.tv_sec + (double)t.tv_nsec / 1e9;
-}
-
 static void bar(char* out, int level, int width) {
   int i, filled = level * width / 100;
   if (filled > width) filled = width;
@@ -362,11 +357,11 @@ static void draw(int redraw, double remaining) {
 
 /* Runs the live view until the duration is over or a signal arrives. */
 static void runView(double duration, int plain) {
-  const double start = now();
+  const double start = demo_now();
   double lastTick = start, lastPlain = start;
-  while (!interrupted && now() - start < duration) {
+  while (!interrupted && demo_now() - start < duration) {
     const struct timespec pause = {0, 250 * 1000 * 1000};
-    const double t = now();
+    const double t = demo_now();
     enablePendingStreams();
     if (t - lastTick >= 1.0) {
       tickRates(t - lastTick);

@@ -25,6 +25,7 @@
 #include <time.h>
 
 #include "convoke/convoke.h"
+#include "demo_clock.h"
 #include "demo_frame.h"
 #include "demo_register.h"
 
@@ -52,17 +53,6 @@ static struct {
   int streamCount;
 } m;
 
-static double now(void) {
-  struct timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return (double)t.tv_sec + (double)t.tv_nsec / 1e9;
-}
-
-static void pause_ms(int ms) {
-  struct timespec t = {ms / 1000, (long)(ms % 1000) * 1000000L};
-  nanosleep(&t, NULL);
-}
-
 static void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
 static void say(const char* format, ...) {
   va_list args;
@@ -70,7 +60,7 @@ static void say(const char* format, ...) {
   va_start(args, format);
   vsnprintf(text, sizeof text, format, args);
   va_end(args);
-  printf("live-features %s t=%.3f %s\n", m.name, now(), text);
+  printf("live-features %s t=%.3f %s\n", m.name, demo_now(), text);
   fflush(stdout);
 }
 
@@ -290,8 +280,8 @@ static void screenCentre(void) {
     const DemoImage* d = &m.streams[i].last;
     if (d->pixels) {
       const unsigned char* p = d->pixels + ((size_t)(d->height / 2) * d->width + d->width / 2) * 3;
-      printf("live-features %s t=%.3f pixel %s centre %d,%d,%d\n", m.name, now(), m.streams[i].id,
-             p[0], p[1], p[2]);
+      printf("live-features %s t=%.3f pixel %s centre %d,%d,%d\n", m.name, demo_now(),
+             m.streams[i].id, p[0], p[1], p[2]);
     }
   }
   pthread_mutex_unlock(&m.lock);
@@ -334,19 +324,19 @@ int main(int argc, char** argv) {
     return 1;
   }
   say("joined");
-  const double limit = now() + 40;
+  const double limit = demo_now() + 40;
   for (;;) {
     renderPending();
     pthread_mutex_lock(&m.lock);
     const int others = m.others;
     pthread_mutex_unlock(&m.lock);
     if (others >= 2) break;
-    if (now() > limit) {
+    if (demo_now() > limit) {
       say("the two others never arrived");
       exitMeeting();
       return 1;
     }
-    pause_ms(50);
+    demo_pause_ms(50);
   }
   say("everyone here");
 
@@ -357,7 +347,7 @@ int main(int argc, char** argv) {
   char* longSound = makeWav(0.8, 44100, 2, &longSize);
   char* endless = makeWav(10, 8000, 1, &endlessSize);
   static const char broken[] = "not a sound at all";
-  const double start = now();
+  const double start = demo_now();
   int step = 0;
   char screen[TEXT] = "";
   if (b) {
@@ -367,8 +357,8 @@ int main(int argc, char** argv) {
     for (i = 0; i < screenCount; ++i) say("screen listed: %s", screens[i]);
     if (screenCount > 0) snprintf(screen, TEXT, "%s", screens[0]); /* a real screen first */
   }
-  while (now() - start < TIMELINE_S) {
-    const double t = now() - start;
+  while (demo_now() - start < TIMELINE_S) {
+    const double t = demo_now() - start;
     renderPending();
     watchSizes();
     if (a && step == 0 && t > 1) {
@@ -423,15 +413,15 @@ int main(int argc, char** argv) {
       screenCentre();
       if (snapshotPath) snapshot(snapshotPath);
     }
-    pause_ms(20);
+    demo_pause_ms(20);
   }
   pthread_mutex_lock(&m.lock);
   for (i = 0; i < m.streamCount; ++i) {
-    printf("live-features %s t=%.3f frames %s %lu\n", m.name, now(), m.streams[i].id,
+    printf("live-features %s t=%.3f frames %s %lu\n", m.name, demo_now(), m.streams[i].id,
            m.streams[i].frames);
   }
   pthread_mutex_unlock(&m.lock);
-  pause_ms(2000); /* the others finish their timelines before this one leaves */
+  demo_pause_ms(2000); /* the others finish their timelines before this one leaves */
   exitMeeting();
   say("done");
   free(shortSound);

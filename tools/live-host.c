@@ -35,6 +35,7 @@
 #include <time.h>
 
 #include "convoke/convoke.h"
+#include "demo_clock.h"
 #include "demo_frame.h"
 #include "demo_register.h"
 #include "frame_code.h"
@@ -76,23 +77,6 @@ static struct {
   FILE* samples;
 } m;
 
-static double now(void) {
-  struct timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return (double)t.tv_sec + (double)t.tv_nsec / 1e9;
-}
-
-static unsigned long long wallMs(void) {
-  struct timespec t;
-  clock_gettime(CLOCK_REALTIME, &t);
-  return (unsigned long long)t.tv_sec * 1000u + (unsigned long long)t.tv_nsec / 1000000u;
-}
-
-static void pause_ms(int ms) {
-  struct timespec t = {ms / 1000, (long)(ms % 1000) * 1000000L};
-  nanosleep(&t, NULL);
-}
-
 static int inWindow(const Other* o, double t) {
   return o->windowStart > 0 && t - o->windowStart <= m.windowSeconds;
 }
@@ -129,7 +113,7 @@ static void onAdded(const char* uuid) {
   if (o) {
     o->present = 1;
     ++m.arrivals;
-    if (m.samples) fprintf(m.samples, "J %llu %s\n", wallMs(), uuid);
+    if (m.samples) fprintf(m.samples, "J %llu %s\n", demo_wall_ms(), uuid);
   }
   pthread_mutex_unlock(&m.lock);
 }
@@ -141,7 +125,7 @@ static void onRemoved(const char* uuid) {
     o->present = 0;
     o->stream[0] = '\0';
     ++m.departures;
-    if (m.samples) fprintf(m.samples, "L %llu %s\n", wallMs(), uuid);
+    if (m.samples) fprintf(m.samples, "L %llu %s\n", demo_wall_ms(), uuid);
   }
   pthread_mutex_unlock(&m.lock);
 }
@@ -152,13 +136,13 @@ static void onVideoAdded(const char* uuid, const char* id) {
   if (o) {
     snprintf(o->stream, TEXT, "%s", id);
     o->enablePending = 1;
-    o->since = now();
+    o->since = demo_now();
   }
   pthread_mutex_unlock(&m.lock);
 }
 
 static void onFrame(const char* id, void* buffer) {
-  const double t = now();
+  const double t = demo_now();
   FrameCode code;
   const int coded = frame_code_read(buffer, &code) == 0;
   const unsigned arrivedMs = frame_code_now_ms();
@@ -171,8 +155,8 @@ static void onFrame(const char* id, void* buffer) {
     }
     if (coded && code.identity != o->identity) ++o->wrong;
     if (coded && code.identity == o->identity && m.samples) {
-      fprintf(m.samples, "F %llu %s %d %u\n", wallMs(), o->uuid, (int)(arrivedMs - code.captureMs),
-              code.frame);
+      fprintf(m.samples, "F %llu %s %d %u\n", demo_wall_ms(), o->uuid,
+              (int)(arrivedMs - code.captureMs), code.frame);
     }
     if (inWindow(o, t)) {
       ++o->frames;
@@ -200,8 +184,8 @@ static void onAmplitude(const char* uuid, unsigned char amplitude, bool muted) {
   pthread_mutex_lock(&m.lock);
   Other* o = otherByUuid(uuid, 0);
   if (o && amplitude > 0) {
-    if (inWindow(o, now())) ++o->amplitudes;
-    if (m.samples) fprintf(m.samples, "A %llu %s %u\n", wallMs(), uuid, amplitude);
+    if (inWindow(o, demo_now())) ++o->amplitudes;
+    if (m.samples) fprintf(m.samples, "A %llu %s %u\n", demo_wall_ms(), uuid, amplitude);
   }
   pthread_mutex_unlock(&m.lock);
 }
@@ -213,10 +197,10 @@ static void onConditions(int received, int sent, int dataBytesDropped, int ctrlB
       (void)downstreamLatency;
   pthread_mutex_lock(&m.lock);
   if (m.samples) {
-    fprintf(m.samples, "C %llu %d %d %d %d %d\n", wallMs(), bars, downstreamLoss, upstreamLoss,
-            received, sent);
+    fprintf(m.samples, "C %llu %d %d %d %d %d\n", demo_wall_ms(), bars, downstreamLoss,
+            upstreamLoss, received, sent);
   }
-  if (m.count > 0 && inWindow(&m.others[0], now())) {
+  if (m.count > 0 && inWindow(&m.others[0], demo_now())) {
     m.receivedSum += received;
     m.sentSum += sent;
     ++m.conditions;
@@ -265,8 +249,8 @@ static int join(const Options* o) {
 
 /* Waits up to `limit` seconds for `done`, rendering each other's stream once it is announced. */
 static int waitFor(int (*done)(void), double limit) {
-  const double end = now() + limit;
-  while (now() < end) {
+  const double end = demo_now() + limit;
+  while (demo_now() < end) {
     char streams[MAX_OTHERS][TEXT];
     int n = 0, i;
     pthread_mutex_lock(&m.lock);
@@ -286,7 +270,7 @@ static int waitFor(int (*done)(void), double limit) {
     const int ok = done();
     pthread_mutex_unlock(&m.lock);
     if (ok) return 0;
-    pause_ms(50); /* each wake-up costs, and nothing here needs to be quicker */
+    demo_pause_ms(50); /* each wake-up costs, and nothing here needs to be quicker */
   }
   return -1;
 }
@@ -304,7 +288,7 @@ static int windowsOver(void) {
   int i, over = 0;
   for (i = 0; i < m.count; ++i) {
     const Other* o = &m.others[i];
-    if (o->windowStart > 0 && now() - o->windowStart > m.windowSeconds) ++over;
+    if (o->windowStart > 0 && demo_now() - o->windowStart > m.windowSeconds) ++over;
   }
   return over >= expected;
 }
@@ -393,7 +377,7 @@ static const char* takeSnapshot(const char* path, const char* camera) {
  * not happen. */
 static int afterWindow(const Options* o) {
   if (strcmp(o->role, "watch") == 0) {
-    waitFor(never, o->duration - (now() - m.joinedAt));
+    waitFor(never, o->duration - (demo_now() - m.joinedAt));
     return 0;
   }
   if (strcmp(o->role, "rejoin") == 0) {
@@ -401,7 +385,7 @@ static int afterWindow(const Options* o) {
      * stay until those windows are over too, so that leaving does not cut them short. */
     waitFor(never, LATER_WINDOW_MARGIN_S);
     exitMeeting();
-    pause_ms(1500);
+    demo_pause_ms(1500);
     pthread_mutex_lock(&m.lock);
     for (int i = 0; i < m.count; ++i) m.others[i].present = 0;
     pthread_mutex_unlock(&m.lock);
@@ -415,7 +399,7 @@ static int afterWindow(const Options* o) {
     fprintf(stderr, "live-host %s: did not see the others leave and come back\n", o->name);
     return 1;
   }
-  pause_ms(2000); /* the others see us before we go */
+  demo_pause_ms(2000); /* the others see us before we go */
   return 0;
 }
 
@@ -487,7 +471,7 @@ int main(int argc, char** argv) {
 
   if (join(&o) != 0) return 1;
   pthread_mutex_lock(&m.lock);
-  m.joinedAt = now();
+  m.joinedAt = demo_now();
   pthread_mutex_unlock(&m.lock);
   if (waitFor(othersHere, 60) != 0) {
     fprintf(stderr, "live-host %s: fewer than %d others arrived\n", o.name, o.expect);

@@ -3,8 +3,7 @@
 
 #include "frame_code.h"
 
-#include <time.h>
-
+#include "demo_clock.h"
 #include "ktengine/frame.h"
 
 #define BLOCKS 40
@@ -60,9 +59,4 @@ unsigned int frame_code_identity(const char* publisherId) {
   return hash;
 }
 
-unsigned int frame_code_now_ms(void) {
-  struct timespec t;
-  clock_gettime(CLOCK_REALTIME, &t);
-  return (unsigned int)((unsigned long long)t.tv_sec * 1000u +
-                        (unsigned long long)t.tv_nsec / 1000000u);
-}
+unsigned int frame_code_now_ms(void) { return (unsigned int)demo_wall_ms(); }

@@ -18,6 +18,7 @@
 #include <time.h>
 
 #include "convoke/convoke.h"
+#include "demo_clock.h"
 #include "demo_register.h"
 #include "demo_slots.h"
 #include "gallery.h"
@@ -49,11 +50,7 @@ typedef struct {
 
 static Uint32 messageEvent;
 
-double gallery_now(void) {
-  struct timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return (double)t.tv_sec + (double)t.tv_nsec / 1e9;
-}
+double gallery_now(void) { return demo_now(); }
 
 static void copyText(char* out, const char* text) {
   snprintf(out, GALLERY_TEXT, "%s", text != NULL ? text : "");
