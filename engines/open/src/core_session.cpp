@@ -92,7 +92,6 @@ bool Core::Join(const Target& target, const std::string& display, const std::str
     joined_ = true;
     target_ = target;
     uuid_ = uuid;
-    display_ = display;
   }
   {
     std::lock_guard<std::mutex> lock(emit_mutex_);

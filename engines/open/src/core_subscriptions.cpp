@@ -98,9 +98,6 @@ bool Core::Subscribe(Remote* remote, std::string* error) {
   }
   if (!remote->peer->Start(speaker, error)) return false;
   ApplyPlayback();
-  if (remote->slot && remote->slot->rendering()) {
-    // Rendering was asked for before the subscription was ready: Render() is repeated below.
-  }
   if (!remote->peer->SetRemote("offer", StringMember(jsep, "sdp"), error)) return false;
   const std::string answer = remote->peer->CreateAnswer(error);
   if (answer.empty()) return false;

@@ -102,14 +102,6 @@ std::vector<std::pair<Device, GstDevice*>> Probe(Device::Kind kind) {
   return found;
 }
 
-// A bin from a launch description, its unlinked pads ghosted (a virtual source's "src").
-GstElement* ParsedBin(const char* description) {
-  GError* problem = nullptr;
-  GstElement* bin = gst_parse_bin_from_description(description, TRUE, &problem);
-  if (problem) g_error_free(problem);
-  return bin;
-}
-
 // The named element inside a virtual source made by CreateDeviceElement (a new reference).
 GstElement* Inner(GstElement* source, const char* name) {
   GstElement* inner = GST_IS_BIN(source) ? gst_bin_get_by_name(GST_BIN(source), name) : nullptr;
@@ -183,6 +175,13 @@ GstPadProbeReturn DrawMoving(GstPad* pad, GstPadProbeInfo* info, gpointer data) 
 }
 
 }  // namespace
+
+GstElement* ParsedBin(const char* description) {
+  GError* problem = nullptr;
+  GstElement* bin = gst_parse_bin_from_description(description, TRUE, &problem);
+  if (problem) g_error_free(problem);
+  return bin;
+}
 
 bool IsVirtualSource(Device::Kind kind, const std::string& id) {
   switch (kind) {

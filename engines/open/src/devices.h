@@ -40,6 +40,10 @@ bool FindDevice(Device::Kind kind, const std::string& id, Device* device);
 // instead.
 GstElement* CreateDeviceElement(Device::Kind kind, const std::string& id, bool off = false);
 
+// A bin from a launch description, its unlinked pads ghosted (a source's "src"); null when the
+// description does not parse.
+GstElement* ParsedBin(const char* description);
+
 // Whether `id` is one of the virtual devices of that kind.
 bool IsVirtualSource(Device::Kind kind, const std::string& id);
 

@@ -357,25 +357,24 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
   // its in-band FEC lets the receiver rebuild a lost packet from the next one. Macroblocks that did
   // not change at all are skipped (static-threshold), so a still picture costs little to encode.
   char description[2048];
-  std::snprintf(
-      description, sizeof description,
-      "audioconvert name=audio_in ! audioresample ! "
-      "audio/x-raw,rate=48000,channels=1 ! volume name=micvol ! "
-      "level name=miclevel interval=100000000 post-messages=true ! "
-      "opusenc bitrate=32000 complexity=1 inband-fec=true packet-loss-percentage=10 ! "
-      "rtpopuspay pt=111 ! "
-      "application/x-rtp,media=audio,encoding-name=OPUS,payload=111,clock-rate=48000,"
-      "ssrc=(uint)%u ! webrtc_a. "
-      "videorate name=video_in ! queue leaky=downstream max-size-buffers=2 "
-      "max-size-bytes=0 max-size-time=0 ! videoconvert ! videoscale ! "
-      "capsfilter name=camcaps caps=video/x-raw,width=%d,height=%d,framerate=%d/1 ! "
-      "tee name=camtee ! videoflip name=rotate method=none ! "
-      "vp8enc name=encoder deadline=1 threads=1 cpu-used=16 static-threshold=100 "
-      "target-bitrate=500000 error-resilient=default "
-      "keyframe-max-dist=60 ! rtpvp8pay pt=96 ! "
-      "application/x-rtp,media=video,encoding-name=VP8,payload=96,clock-rate=90000,"
-      "ssrc=(uint)%u ! webrtc_v.",
-      kAudioSsrc, width, height, fps, kVideoSsrc);
+  std::snprintf(description, sizeof description,
+                "audioconvert name=audio_in ! audioresample ! "
+                "audio/x-raw,rate=48000,channels=1 ! volume name=micvol ! "
+                "level name=miclevel interval=100000000 post-messages=true ! "
+                "opusenc bitrate=32000 complexity=1 inband-fec=true packet-loss-percentage=10 ! "
+                "rtpopuspay pt=111 ! "
+                "application/x-rtp,media=audio,encoding-name=OPUS,payload=111,clock-rate=48000,"
+                "ssrc=(uint)%u ! webrtc_a. "
+                "videorate name=video_in ! queue leaky=downstream max-size-buffers=2 "
+                "max-size-bytes=0 max-size-time=0 ! videoconvert ! videoscale ! "
+                "capsfilter name=camcaps caps=video/x-raw,width=%d,height=%d,framerate=%d/1 ! "
+                "tee name=camtee ! videoflip name=rotate method=none ! "
+                "vp8enc name=encoder deadline=1 threads=1 cpu-used=16 static-threshold=100 "
+                "target-bitrate=500000 error-resilient=default "
+                "keyframe-max-dist=60 ! rtpvp8pay pt=96 ! "
+                "application/x-rtp,media=video,encoding-name=VP8,payload=96,clock-rate=90000,"
+                "ssrc=(uint)%u ! webrtc_v.",
+                kAudioSsrc, width, height, fps, kVideoSsrc);
   // The two chains end in webrtcbin's request pads, linked by hand below.
   // The self view: converted only while rendered, on the camera queue's thread.
   std::string chains = std::string(description) +
@@ -556,13 +555,13 @@ void ReleaseFrame(ktengine_frame* frame) {
 
 int BytesPerPixel(ktengine_pixel_format format) { return format == KTENGINE_RGB888 ? 3 : 4; }
 
+}  // namespace
+
 GstVideoFormat VideoFormat(ktengine_pixel_format format) {
   return format == KTENGINE_RGB888     ? GST_VIDEO_FORMAT_RGB
          : format == KTENGINE_BGRA8888 ? GST_VIDEO_FORMAT_BGRA
                                        : GST_VIDEO_FORMAT_RGBA;
 }
-
-}  // namespace
 
 FrameSlot::~FrameSlot() {
   if (frame_) ReleaseFrame(frame_);

@@ -6,6 +6,7 @@
 #define KTOPEN_MEDIA_H
 
 #include <gst/gst.h>
+#include <gst/video/video.h>
 
 #include <atomic>
 #include <chrono>
@@ -21,6 +22,9 @@
 #include "ktengine/frame.h"
 
 namespace ktopen {
+
+// The GStreamer video format that fills a frame descriptor of `format`.
+GstVideoFormat VideoFormat(ktengine_pixel_format format);
 
 // Starts GStreamer once; false with a reason when it or an element the engines need is missing.
 bool InitMedia(std::string* error);

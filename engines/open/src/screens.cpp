@@ -4,6 +4,8 @@
 // receiver sees motion at the screen's rate without the cost of redrawing a full pattern.
 #include "screens.h"
 
+#include "devices.h"
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -123,10 +125,7 @@ GstElement* CreateScreenElement(const Screen& screen) {
                   "capsfilter caps=video/x-raw,format=I420,width=%d,height=%d",
                   display.c_str(), kScreenFps, screen.width, screen.height);
   }
-  GError* problem = nullptr;
-  GstElement* bin = gst_parse_bin_from_description(description, TRUE, &problem);
-  if (problem) g_error_free(problem);
-  return bin;
+  return ParsedBin(description);
 }
 
 }  // namespace ktopen

@@ -9,16 +9,6 @@
 
 namespace ktopen {
 
-namespace {
-
-GstVideoFormat SelfFormat(ktengine_pixel_format format) {
-  return format == KTENGINE_RGB888     ? GST_VIDEO_FORMAT_RGB
-         : format == KTENGINE_BGRA8888 ? GST_VIDEO_FORMAT_BGRA
-                                       : GST_VIDEO_FORMAT_RGBA;
-}
-
-}  // namespace
-
 void Publisher::RenderSelf(FrameSlot* slot, ktengine_pixel_format format, int width, int height) {
   std::lock_guard<std::mutex> lock(self_mutex_);
   self_slot_ = slot;
@@ -41,7 +31,7 @@ void Publisher::ApplySelf() {
   if (gate && size && self_slot_) {
     GstCaps* caps =
         gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING,
-                            gst_video_format_to_string(SelfFormat(self_format_)), "width",
+                            gst_video_format_to_string(VideoFormat(self_format_)), "width",
                             G_TYPE_INT, self_width_, "height", G_TYPE_INT, self_height_, nullptr);
     g_object_set(size, "caps", caps, nullptr);
     gst_caps_unref(caps);
@@ -63,7 +53,7 @@ GstFlowReturn Publisher::OnSelfSample(GstElement* sink, gpointer self) {
     std::lock_guard<std::mutex> lock(publisher->self_mutex_);
     // A picture still in the format of an earlier request is not the host's.
     if (publisher->self_slot_ &&
-        GST_VIDEO_INFO_FORMAT(&info) == SelfFormat(publisher->self_format_)) {
+        GST_VIDEO_INFO_FORMAT(&info) == VideoFormat(publisher->self_format_)) {
       publisher->self_slot_->Offer(map.data, GST_VIDEO_INFO_WIDTH(&info),
                                    GST_VIDEO_INFO_HEIGHT(&info),
                                    GST_VIDEO_INFO_PLANE_STRIDE(&info, 0));
