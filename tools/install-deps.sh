@@ -39,6 +39,7 @@ if $live; then
     libx11-dev                                      # the engines list X11 screens; x11-window
     xvfb xauth                                      # tools/live-features: a screen to share
     iptables                                        # tools/meeting-faults: random loss
+    libnetfilter-queue-dev                          # tools/net-delay: the rig's link delay
   )
 fi
 
