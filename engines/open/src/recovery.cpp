@@ -23,15 +23,19 @@ void Retransmit(GstWebRTCRTPTransceiver* transceiver) {
   }
 }
 
-// RTCP every 100 ms at most instead of every 5 s: a NACK or PLI waits for the next RTCP packet
-// unless an early one is allowed, and with the default interval most requests came after the
-// jitter buffer had given the packet up. RTCP stays within its share of the bandwidth.
-constexpr guint64 kRtcpMinIntervalNs = 100 * GST_MSECOND;
+// A NACK or PLI goes out in an early RTCP packet only when no early packet went out within the
+// last regular interval; otherwise it waits for the next regular one. With the default interval
+// (5 s) most requests came after the jitter buffer had given the packet up, and still a third
+// with 100 ms: regular RTCP every 20 ms at most, within a tenth of the session's bandwidth
+// (instead of a twentieth), so that a second loss soon after the first is asked for in time.
+constexpr guint64 kRtcpMinIntervalNs = 20 * GST_MSECOND;
+constexpr double kRtcpFraction = 0.1;
 void OnElement(GstBin*, GstBin*, GstElement* element, gpointer) {
   GstElementFactory* factory = gst_element_get_factory(element);
   const gchar* kind = factory ? GST_OBJECT_NAME(factory) : "";
   if (g_strcmp0(kind, "rtpsession") == 0) {
-    g_object_set(element, "rtcp-min-interval", kRtcpMinIntervalNs, nullptr);
+    g_object_set(element, "rtcp-min-interval", kRtcpMinIntervalNs, "rtcp-fraction", kRtcpFraction,
+                 nullptr);
   } else if (g_strcmp0(kind, "rtprtxsend") == 0) {
     g_object_set(element, "max-size-time", static_cast<guint>(kRetransmitHistoryMs), nullptr);
   }
