@@ -21,7 +21,7 @@ bool Even(const ktengine_frame* frame) {
   return __atomic_load_n(&frame->sequence, __ATOMIC_ACQUIRE) % 2 == 0;
 }
 
-TEST(FrameSlot, TakeWritesTheNewestOfferedFrameOnceWithoutRowPadding) {
+TEST(FrameSlot, TakeWritesEachWaitingFrameOnceInOrderWithoutRowPadding) {
   FrameSlot slot;
   ktengine_frame* frame = slot.Start("feed/video", KTENGINE_RGB888, 4, 2);
   ASSERT_NE(frame, nullptr);
@@ -36,15 +36,21 @@ TEST(FrameSlot, TakeWritesTheNewestOfferedFrameOnceWithoutRowPadding) {
   EXPECT_TRUE(slot.rendering());
   EXPECT_EQ(slot.Take(), 0);  // nothing offered yet
 
-  // Two frames with 4 bytes of padding per row: only the newest arrives, rows packed.
-  std::vector<uint8_t> older(16 * 2, 0x11), newer(16 * 2, 0xee);
-  for (int i = 0; i < 12; ++i) newer[i] = static_cast<uint8_t>(i), newer[16 + i] = 100 + i;
-  slot.Offer(older.data(), 4, 2, 16);
-  slot.Offer(newer.data(), 4, 2, 16);
+  // Three frames with 4 bytes of padding per row before the host polls: the two newest wait and
+  // arrive one a poll, oldest first, rows packed; the first was skipped.
+  std::vector<uint8_t> first(16 * 2, 0x11), second(16 * 2, 0x22), third(16 * 2, 0xee);
+  for (int i = 0; i < 12; ++i) third[i] = static_cast<uint8_t>(i), third[16 + i] = 100 + i;
+  slot.Offer(first.data(), 4, 2, 16);
+  slot.Offer(second.data(), 4, 2, 16);
+  slot.Offer(third.data(), 4, 2, 16);
   EXPECT_TRUE(Even(frame));
   ASSERT_EQ(slot.Take(), 1);
   EXPECT_TRUE(Even(frame));
   EXPECT_EQ(frame->frame_number, 1u);
+  EXPECT_EQ(frame->data[0], 0x22);
+  EXPECT_EQ(frame->data[23], 0x22);
+  ASSERT_EQ(slot.Take(), 1);
+  EXPECT_EQ(frame->frame_number, 2u);
   for (int i = 0; i < 12; ++i) {
     EXPECT_EQ(frame->data[i], i);
     EXPECT_EQ(frame->data[12 + i], 100 + i);
@@ -64,12 +70,43 @@ TEST(FrameSlot, TakeWritesTheNewestOfferedFrameOnceWithoutRowPadding) {
   EXPECT_EQ(frame->width, 3);
   EXPECT_EQ(frame->height, 1);
   EXPECT_EQ(frame->stride, 9);
-  EXPECT_EQ(frame->frame_number, 3u);
+  EXPECT_EQ(frame->frame_number, 4u);
 
   // Once stopped, offers are ignored.
   slot.Stop();
   EXPECT_FALSE(slot.rendering());
-  slot.Offer(newer.data(), 4, 2, 16);
+  slot.Offer(third.data(), 4, 2, 16);
+  EXPECT_EQ(slot.Take(), 0);
+}
+
+TEST(FrameSlot, ABacklogOfOneFrameIsCutAfterHalfASecondOfPolls) {
+  FrameSlot slot;
+  ktengine_frame* frame = slot.Start("feed/video", KTENGINE_RGB888, 1, 1);
+  uint8_t next = 0;
+  auto offer = [&] {
+    const uint8_t pixel[3] = {next, next, next};
+    slot.Offer(pixel, 1, 1, 3);
+    ++next;
+  };
+  // A burst leaves the host one frame behind; from then on one frame comes per poll.
+  offer();
+  offer();
+  std::vector<int> shown;
+  for (int poll = 0; poll < FrameSlot::kMaxBacklogTakes + 4; ++poll) {
+    ASSERT_EQ(slot.Take(), 1);
+    shown.push_back(frame->data[0]);
+    offer();
+  }
+  // Frames come in order, one apart, until the backlog has lasted kMaxBacklogTakes polls: then
+  // one frame is skipped and the host is level with the newest.
+  int skips = 0;
+  for (size_t i = 1; i < shown.size(); ++i) {
+    ASSERT_GE(shown[i] - shown[i - 1], 1);
+    skips += shown[i] - shown[i - 1] - 1;
+  }
+  EXPECT_EQ(skips, 1);
+  EXPECT_EQ(shown.back(), next - 2);  // the newest was offered after the last poll
+  EXPECT_EQ(slot.Take(), 1);
   EXPECT_EQ(slot.Take(), 0);
 }
 

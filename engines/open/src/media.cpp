@@ -593,14 +593,14 @@ ktengine_frame* FrameSlot::Start(const std::string& stream_id, ktengine_pixel_fo
   std::snprintf(frame_->stream_id, sizeof frame_->stream_id, "%s", stream_id.c_str());
   __atomic_add_fetch(&frame_->sequence, 1, __ATOMIC_RELEASE);
   rendering_ = true;
-  fresh_ = false;
+  Clear();
   return frame_;
 }
 
 void FrameSlot::Stop() {
   std::lock_guard<std::mutex> lock(mutex_);
   rendering_ = false;
-  fresh_ = false;
+  Clear();
 }
 
 bool FrameSlot::Follow(int from_w, int from_h, int to_w, int to_h, int* width, int* height,
@@ -620,7 +620,7 @@ bool FrameSlot::Follow(int from_w, int from_h, int to_w, int to_h, int* width, i
   *width = f->width;
   *height = f->height;
   *format = static_cast<ktengine_pixel_format>(f->format);
-  fresh_ = false;
+  Clear();
   return true;
 }
 
@@ -632,30 +632,42 @@ bool FrameSlot::rendering() const {
 void FrameSlot::Offer(const uint8_t* pixels, int width, int height, int stride) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!rendering_ || !frame_) return;
+  if (queued_ == 2) {  // the host is two frames behind: the oldest goes
+    oldest_ ^= 1;
+    queued_ = 1;
+  }
+  Picture& picture = waiting_[(oldest_ + queued_) % 2];
+  ++queued_;
   const int bpp = frame_->bytes_per_pixel;
   width = std::min(width, frame_->max_width);
   height = std::min(height, frame_->max_height);
-  pending_.resize(static_cast<size_t>(width) * height * bpp);
+  picture.pixels.resize(static_cast<size_t>(width) * height * bpp);
   for (int y = 0; y < height; ++y) {
-    std::memcpy(&pending_[static_cast<size_t>(y) * width * bpp],
+    std::memcpy(&picture.pixels[static_cast<size_t>(y) * width * bpp],
                 pixels + static_cast<size_t>(y) * stride, static_cast<size_t>(width) * bpp);
   }
-  width_ = width;
-  height_ = height;
-  fresh_ = true;
+  picture.width = width;
+  picture.height = height;
 }
 
 int FrameSlot::Take() {
   std::lock_guard<std::mutex> write(write_mutex_);
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!fresh_ || !frame_) return 0;
-  fresh_ = false;
+  if (queued_ == 0 || !frame_) return 0;
+  if (queued_ == 2 && ++backlog_takes_ > kMaxBacklogTakes) {  // catch up
+    oldest_ ^= 1;
+    queued_ = 1;
+  }
+  if (queued_ == 1) backlog_takes_ = 0;
+  const Picture& picture = waiting_[oldest_];
+  oldest_ ^= 1;
+  --queued_;
   ktengine_frame* f = frame_;
   __atomic_add_fetch(&f->sequence, 1, __ATOMIC_ACQ_REL);  // odd: being written
-  f->width = width_;
-  f->height = height_;
-  f->stride = width_ * f->bytes_per_pixel;
-  std::memcpy(f->data, pending_.data(), pending_.size());
+  f->width = picture.width;
+  f->height = picture.height;
+  f->stride = picture.width * f->bytes_per_pixel;
+  std::memcpy(f->data, picture.pixels.data(), picture.pixels.size());
   ++f->frame_number;
   __atomic_add_fetch(&f->sequence, 1, __ATOMIC_RELEASE);
   return 1;

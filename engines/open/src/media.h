@@ -160,8 +160,12 @@ class Publisher : public Peer {
   std::chrono::steady_clock::time_point last_report_at_;
 };
 
-// The frames of one rendered stream, shared between the decoder's thread (which leaves the newest
-// frame here) and the host's polling thread (which takes it into the stream's descriptor).
+// The frames of one rendered stream, shared between the decoder's thread (which leaves frames
+// here) and the host's polling thread (which takes them into the stream's descriptor, one a
+// poll). Frames come in bursts when the jitter buffer lets go of those held for a retransmission:
+// two are kept, so that a burst is shown frame by frame instead of all but the last being
+// skipped; a backlog that outlasts kMaxBacklogTakes polls is cut by skipping one frame, so that it
+// never adds more than one frame of delay for long.
 class FrameSlot {
  public:
   FrameSlot() = default;
@@ -179,16 +183,24 @@ class FrameSlot {
               ktengine_pixel_format* format);
   // A decoded frame in the rendering format, `stride` bytes per row.
   void Offer(const uint8_t* pixels, int width, int height, int stride);
-  // Writes the newest frame into the descriptor: 1 when there was one since the last call.
+  // Writes the oldest waiting frame into the descriptor: 1 when there was one.
   int Take();
 
+  static constexpr int kMaxBacklogTakes = 15;  // half a second of polls
+
  private:
+  struct Picture {
+    std::vector<uint8_t> pixels;
+    int width = 0, height = 0;
+  };
+  void Clear() { queued_ = 0, backlog_takes_ = 0; }  // mutex_ held
+
   mutable std::mutex mutex_;
   ktengine_frame* frame_ = nullptr;  // GUARDED_BY(mutex_)
   bool rendering_ = false;
-  bool fresh_ = false;
-  std::vector<uint8_t> pending_;
-  int width_ = 0, height_ = 0;
+  Picture waiting_[2];  // a ring: the oldest at oldest_, queued_ of them
+  int oldest_ = 0, queued_ = 0;
+  int backlog_takes_ = 0;   // polls in a row that found two frames waiting
   std::mutex write_mutex_;  // one Take at a time
 };
 
