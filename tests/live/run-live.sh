@@ -46,6 +46,8 @@ timeout 10 unshare --net --pid --fork --mount-proc -- ip link add v0 type veth p
 if [ "$mode" = faults ]; then
   command -v iptables >/dev/null || skip "'iptables' is missing (bash tools/install-deps.sh --live)"
   command -v tc >/dev/null || skip "'tc' is missing (bash tools/install-deps.sh --live)"
+  [ -x "${CONVOKE_BUILD_DIR:-$root/build/release}/bin/net-delay" ] ||
+    skip "bin/net-delay was not built (it needs libnetfilter-queue-dev: bash tools/install-deps.sh --live)"
 fi
 
 # Packets on the machine's own interfaces, to show what the run added there: nothing of the
