@@ -225,6 +225,34 @@ std::string Peer::CreateAnswer(std::string* error) {
                                                          "Could not make a WebRTC answer", error));
 }
 
+namespace {
+
+// An answer takes the passive DTLS role: the server starts the handshake once its side of ICE is
+// up. Taking the active role, our first handshake packet went out with our own ICE check and was
+// lost one time in three or four, and the handshake waited a second for the retransmission.
+GstWebRTCSessionDescription* TakePassiveDtlsRole(GstWebRTCSessionDescription* answer) {
+  gchar* text = gst_sdp_message_as_text(answer->sdp);
+  std::string sdp = text ? text : "";
+  g_free(text);
+  bool changed = false;
+  for (size_t at = sdp.find("a=setup:active"); at != std::string::npos;
+       at = sdp.find("a=setup:active", at)) {
+    sdp.replace(at, 14, "a=setup:passive");
+    changed = true;
+  }
+  GstSDPMessage* message = nullptr;
+  if (!changed || gst_sdp_message_new(&message) != GST_SDP_OK) return answer;
+  if (gst_sdp_message_parse_buffer(reinterpret_cast<const guint8*>(sdp.data()),
+                                   static_cast<guint>(sdp.size()), message) != GST_SDP_OK) {
+    gst_sdp_message_free(message);
+    return answer;
+  }
+  gst_webrtc_session_description_free(answer);
+  return gst_webrtc_session_description_new(GST_WEBRTC_SDP_TYPE_ANSWER, message);
+}
+
+}  // namespace
+
 std::string Peer::CreateDescription(const char* signal, const char* field, const char* failure,
                                     std::string* error) {
   GstStructure* reply = Await(webrtc_, signal, nullptr);
@@ -237,6 +265,8 @@ std::string Peer::CreateDescription(const char* signal, const char* field, const
     if (error) *error = failure;
     return "";
   }
+  if (description->type == GST_WEBRTC_SDP_TYPE_ANSWER)
+    description = TakePassiveDtlsRole(description);
   GstStructure* set = Await(webrtc_, "set-local-description", description);
   if (set) gst_structure_free(set);
   gchar* text = gst_sdp_message_as_text(description->sdp);
