@@ -196,7 +196,11 @@ GstBusSyncReply Peer::OnBusMessage(GstBus*, GstMessage* message, gpointer self) 
                problem ? problem->message : "error");
     if (problem) g_error_free(problem);
   }
-  return GST_BUS_DROP;  // nobody watches the bus: nothing may pile up on it
+  // Nobody watches the bus, so nothing may pile up on it: every message is dropped here, and a
+  // sync handler that drops a message owns it. Each message holds its source element, so one left
+  // unreleased kept the whole pipeline alive (its threads and buffers) after the peer was gone.
+  gst_message_unref(message);
+  return GST_BUS_DROP;
 }
 
 bool Peer::OnServerAddress(const std::string& candidate) const {

@@ -165,7 +165,6 @@ GstBusSyncReply SoundPlayer::OnBus(GstBus*, GstMessage* message, gpointer data) 
   auto* context = static_cast<BusContext*>(data);
   SoundPlayer* player = context->player;
   const GstMessageType type = GST_MESSAGE_TYPE(message);
-  if (type != GST_MESSAGE_EOS && type != GST_MESSAGE_ERROR) return GST_BUS_DROP;
   std::string reason;
   if (type == GST_MESSAGE_ERROR) {
     GError* problem = nullptr;
@@ -173,6 +172,9 @@ GstBusSyncReply SoundPlayer::OnBus(GstBus*, GstMessage* message, gpointer data) 
     reason = std::string("playback error: ") + (problem ? problem->message : "unknown");
     if (problem) g_error_free(problem);
   }
+  // A sync handler that drops a message owns it (and the message holds its source element).
+  gst_message_unref(message);
+  if (type != GST_MESSAGE_EOS && type != GST_MESSAGE_ERROR) return GST_BUS_DROP;
   if (std::shared_ptr<Sound> sound = context->sound.lock()) {
     player->Finish(sound, type == GST_MESSAGE_EOS, reason);
   }
