@@ -8,10 +8,13 @@
  *   rejoin  measure, stay a little longer (the other's window may have started later), leave,
  *           join again, wait for the other to leave;
  *   watch   measure, then stay in the meeting until --duration seconds after joining, whatever
- *           happens (participants leaving and coming back, the server failing), then leave.
+ *           happens (participants leaving and coming back, the server failing), then leave;
+ *   churn   join and leave again every --every ms (300) for --duration seconds, staying half of
+ *           each period; the line "live-host NAME: J joins and leaves in S s (R a minute), F
+ *           refused" is all it prints (tools/live-churn).
  *
- *   live-host --server HOST --meeting ID --name NAME --uuid UUID --role stay|rejoin|watch
- *             [--expect N] [--window SECONDS] [--duration SECONDS] [--camera ID]
+ *   live-host --server HOST --meeting ID --name NAME --uuid UUID --role stay|rejoin|watch|churn
+ *             [--expect N] [--window SECONDS] [--duration SECONDS] [--every MS] [--camera ID]
  *             [--snapshot FILE.png] [--samples FILE]
  *
  * --samples writes one line per event, with the wall clock in milliseconds:
@@ -228,7 +231,7 @@ static void registerCallbacks(void) {
 /* The command line; --uuid and --window go straight into m. */
 typedef struct {
   const char *server, *meeting, *name, *role, *snapshot, *camera, *samples;
-  int expect;
+  int expect, everyMs;
   double duration;
 } Options;
 
@@ -318,6 +321,7 @@ static int readOptions(int argc, char** argv, Options* o) {
   o->camera = "test-camera";
   o->expect = 1;
   o->duration = 0;
+  o->everyMs = 300;
   for (i = 1; i + 1 < argc; i += 2) {
     if (strcmp(argv[i], "--server") == 0)
       o->server = argv[i + 1];
@@ -341,15 +345,18 @@ static int readOptions(int argc, char** argv, Options* o) {
       o->snapshot = argv[i + 1];
     else if (strcmp(argv[i], "--samples") == 0)
       o->samples = argv[i + 1];
+    else if (strcmp(argv[i], "--every") == 0)
+      o->everyMs = atoi(argv[i + 1]);
     else
       break;
   }
   if (!o->server || !o->meeting || !o->name || m.self[0] == '\0' || i != argc || o->expect < 1 ||
-      o->expect > MAX_OTHERS) {
+      o->expect > MAX_OTHERS || o->everyMs < 10) {
     fprintf(stderr,
             "usage: live-host --server HOST --meeting ID --name NAME --uuid UUID "
-            "--role stay|rejoin|watch [--expect N] [--window SECONDS] [--duration SECONDS] "
-            "[--camera ID] [--snapshot FILE.png] [--samples FILE]\n");
+            "--role stay|rejoin|watch|churn [--expect N] [--window SECONDS] "
+            "[--duration SECONDS] [--every MS] [--camera ID] [--snapshot FILE.png] "
+            "[--samples FILE]\n");
     return -1;
   }
   return 0;
@@ -453,6 +460,32 @@ static int report(const Options* o, const char* snapshotResult) {
   return failed;
 }
 
+/* "churn": joins and leaves again every --every ms (staying half of it) for --duration seconds,
+ * the way a peer on a bad connection or a misbehaving client comes and goes; the others must keep
+ * their meeting. Non-zero when no join succeeded. */
+static int churn(const Options* o) {
+  const double start = demo_now(), end = start + o->duration;
+  unsigned long cycles = 0, refused = 0;
+  while (demo_now() < end) {
+    const double began = demo_now();
+    joined = -1;
+    joinMeeting(o->server, o->meeting, "live-meeting-key", m.self, o->name, onJoined);
+    if (joined != 1 || !enableAudioInput("test-tone") ||
+        !enableVideoCapture(o->camera, "VP8 640x480 (30FPS)")) {
+      ++refused;
+    }
+    demo_pause_ms(o->everyMs / 2);
+    exitMeeting();
+    ++cycles;
+    const double left = o->everyMs / 1000.0 - (demo_now() - began);
+    if (left > 0) demo_pause_ms((int)(left * 1000));
+  }
+  printf("live-host %s: %lu joins and leaves in %.0f s (%.0f a minute), %lu refused\n", o->name,
+         cycles, demo_now() - start, cycles * 60 / (demo_now() - start), refused);
+  fflush(stdout);
+  return cycles == refused;
+}
+
 int main(int argc, char** argv) {
   Options o;
   const char* snapshotResult = "none";
@@ -469,6 +502,11 @@ int main(int argc, char** argv) {
   ConvokeInitialize();
   registerCallbacks();
 
+  if (strcmp(o.role, "churn") == 0) {
+    failed = churn(&o);
+    ConvokeDeallocate();
+    return failed;
+  }
   if (join(&o) != 0) return 1;
   pthread_mutex_lock(&m.lock);
   m.joinedAt = demo_now();

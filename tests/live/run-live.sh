@@ -8,6 +8,7 @@
 #   run-live.sh features ENGINES  tools/live-features (three hosts), likewise
 #   run-live.sh meeting4 ENGINES  tools/live-meeting --hosts 4
 #   run-live.sh faults ENGINES    tools/live-faults: loss, a narrow link, a server kill and restart
+#   run-live.sh churn ENGINES     tools/live-churn: a peer joining and leaving 200 times a minute
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
@@ -30,7 +31,10 @@ case "$mode" in
             verdict="live meeting: ok" ;;
   faults) command=("$root/tools/live-faults")
           verdict="live faults: ok" ;;
-  *) echo "usage: run-live.sh server | meeting | meeting4 | features | faults ENGINES" >&2; exit 2 ;;
+  churn) command=("$root/tools/live-churn")
+         verdict="live churn: ok" ;;
+  *) echo "usage: run-live.sh server | meeting | meeting4 | features | faults | churn ENGINES" >&2
+     exit 2 ;;
 esac
 
 if [ "$mode" != server ] && [ "$engines" != open ]; then
