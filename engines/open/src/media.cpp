@@ -403,12 +403,10 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
                 "max-size-bytes=0 max-size-time=0 ! videoconvert ! videoscale ! "
                 "capsfilter name=camcaps caps=video/x-raw,width=%d,height=%d,framerate=%d/1 ! "
                 "tee name=camtee ! videoflip name=rotate method=none ! "
-                "vp8enc name=encoder deadline=1 threads=1 cpu-used=16 static-threshold=100 "
-                "target-bitrate=500000 error-resilient=default "
-                "keyframe-max-dist=60 ! rtpvp8pay pt=96 ! "
+                "%s ! rtpvp8pay pt=96 ! "
                 "application/x-rtp,media=video,encoding-name=VP8,payload=96,clock-rate=90000,"
                 "ssrc=(uint)%u ! webrtc_v.",
-                kAudioSsrc, width, height, fps, kVideoSsrc);
+                kAudioSsrc, width, height, fps, kCameraEncoder, kVideoSsrc);
   // The two chains end in webrtcbin's request pads, linked by hand below.
   // The self view: converted only while rendered, on the camera queue's thread.
   std::string chains = std::string(description) +

@@ -152,11 +152,6 @@ class Publisher : public Peer {
   BitrateController bitrate_{kVideoMinBitrate, kVideoMaxBitrate, kVideoMaxBitrate};
   guint last_report_highest_ = 0;
   bool congested_ = false;
-  // Below kHalfRateBitrate every other picture is dropped before the encoder: a moving picture
-  // at 640x480 costs VP8 about 190 kbit/s at 30 frames a second even at its coarsest.
-  std::atomic<bool> half_rate_{false};
-  bool rate_probe_ = false;
-  unsigned frame_parity_ = 0;  // the camera's streaming thread's own
   std::chrono::steady_clock::time_point last_report_at_;
 };
 
