@@ -212,12 +212,11 @@ bool Core::Render(const Node& s, bool apply, std::string* error) {
   if (!on) {
     if (apply) {
       slot->Stop();
-      const std::string feed = id->substr(0, id->rfind('/'));
       const bool self = slot == self_view_;
-      worker_.Post([this, feed, self] {
+      worker_.Post([this, video_id = *id, self] {
         if (self && publisher_) publisher_->StopSelf();
-        auto it = remotes_.find(feed);
-        if (it != remotes_.end() && it->second->peer) it->second->peer->StopRender();
+        Remote* remote = RemoteByVideoId(video_id);
+        if (remote && remote->peer) remote->peer->StopRender();
       });
     }
     return true;
@@ -241,14 +240,12 @@ bool Core::Render(const Node& s, bool apply, std::string* error) {
   if (!apply) return true;
   ktengine_frame* frame =
       slot->Start(*id, format, static_cast<int>(width), static_cast<int>(height));
-  const std::string feed = id->substr(0, id->rfind('/'));
   const bool self = slot == self_view_;
-  worker_.Post([=] {
+  worker_.Post([=, video_id = *id] {
     if (self && publisher_) publisher_->RenderSelf(slot.get(), format, frame->width, frame->height);
-    auto it = remotes_.find(feed);
-    if (it != remotes_.end() && it->second->peer) {
-      it->second->peer->Render(slot.get(), format, frame->width, frame->height);
-    }
+    Remote* remote = RemoteByVideoId(video_id);
+    if (remote && remote->peer)
+      remote->peer->Render(slot.get(), format, frame->width, frame->height);
   });
   Emit(kVideo, ktengine::BufferReadyEvent(*id, frame));
   return true;

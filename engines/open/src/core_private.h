@@ -143,6 +143,9 @@ class Core {
   void AddRemote(const RoomPublisher& publisher);
   bool Subscribe(Remote* remote, std::string* error);
   void RemoveRemote(const std::string& feed);
+  // The remote whose video stream this is, or null. Stream ids are not publisher ids: a hostile
+  // id gets a safe stream id of its own (peer_names.h). Worker thread.
+  Remote* RemoteByVideoId(const std::string& video_id) const;
   void ApplyPlayback();
   // The local participant's state as the others see it, and its announcement to the room.
   Presence LocalPresenceLocked() const;

@@ -138,6 +138,13 @@ void Core::RemoveRemote(const std::string& feed) {
   muted_.erase(remote->audio_id);
 }
 
+Remote* Core::RemoteByVideoId(const std::string& video_id) const {
+  for (const auto& entry : remotes_) {
+    if (entry.second->video_id == video_id) return entry.second.get();
+  }
+  return nullptr;
+}
+
 int Core::FrameReady(const std::string& id) {
   std::shared_ptr<FrameSlot> slot;
   {
