@@ -447,12 +447,11 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
     g_signal_connect(self, "new-sample", G_CALLBACK(&Publisher::OnSelfSample), this);
     gst_object_unref(self);
   }
-  if (GstElement* gate = gst_bin_get_by_name(GST_BIN(bin), "selfgate")) {
-    if (g_object_class_find_property(G_OBJECT_GET_CLASS(gate), "drop-mode")) {
-      gst_util_set_object_arg(G_OBJECT(gate), "drop-mode", "forward-sticky-events");
-    }
-    gst_object_unref(gate);
-  }
+  GstElement* self_gate = gst_bin_get_by_name(GST_BIN(bin), "selfgate");
+  GstElement* self_size = gst_bin_get_by_name(GST_BIN(bin), "selfsize");
+  self_.Attach(self_gate, self_size);
+  if (self_gate) gst_object_unref(self_gate);
+  if (self_size) gst_object_unref(self_size);
   audio_source_ = CreateDeviceElement(Device::kMicrophone, microphone, microphone.empty());
   video_source_ = CreateDeviceElement(Device::kCamera, camera, camera.empty());
   if (!audio_source_ || !video_source_) {
@@ -709,7 +708,7 @@ int FrameSlot::Take() {
 
 Subscriber::~Subscriber() {
   Stop();
-  for (GstElement* element : {volume_, gate_, caps_, sink_}) {
+  for (GstElement* element : {volume_, sink_}) {
     if (element) gst_object_unref(element);
   }
 }
@@ -777,53 +776,26 @@ void Subscriber::OnPadAdded(GstElement*, GstPad* pad, gpointer self) {
     g_object_set(frames, "emit-signals", TRUE, nullptr);
     g_signal_connect(frames, "new-sample", G_CALLBACK(&Subscriber::OnSample), sub);
     gst_object_unref(frames);
+    // Before anything flows: the closed gate must already let the caps through.
     GstElement* gate = gst_bin_get_by_name(GST_BIN(bin), "gate");
-    if (g_object_class_find_property(G_OBJECT_GET_CLASS(gate), "drop-mode")) {
-      // Caps and other sticky events pass the closed gate, so opening it needs no renegotiation.
-      gst_util_set_object_arg(G_OBJECT(gate), "drop-mode", "forward-sticky-events");
-    }
-    std::lock_guard<std::mutex> lock(sub->mutex_);
-    sub->gate_ = gate;
-    sub->caps_ = gst_bin_get_by_name(GST_BIN(bin), "size");
+    GstElement* size = gst_bin_get_by_name(GST_BIN(bin), "size");
+    sub->video_.Attach(gate, size);
+    gst_object_unref(gate);
+    gst_object_unref(size);
   }
   GstPad* sink_pad = gst_element_get_static_pad(bin, "sink");
   gst_pad_link(pad, sink_pad);
   gst_object_unref(sink_pad);
   gst_element_sync_state_with_parent(bin);
-  if (video) {
-    std::lock_guard<std::mutex> lock(sub->mutex_);
-    sub->ApplyRender();
-  }
 }
 
 GstFlowReturn Subscriber::OnSample(GstElement* sink, gpointer self) {
   auto* sub = static_cast<Subscriber*>(self);
   GstSample* sample = gst_app_sink_pull_sample(GST_APP_SINK(sink));
   if (!sample) return GST_FLOW_OK;
-  GstVideoInfo info;
-  GstBuffer* buffer = gst_sample_get_buffer(sample);
-  GstMapInfo map;
-  if (gst_video_info_from_caps(&info, gst_sample_get_caps(sample)) &&
-      gst_buffer_map(buffer, &map, GST_MAP_READ)) {
-    FrameSlot* slot = nullptr;
-    bool first = false;
-    {
-      std::lock_guard<std::mutex> lock(sub->mutex_);
-      // A frame still in the format of an earlier render request is not the host's picture.
-      if (GST_VIDEO_INFO_FORMAT(&info) == VideoFormat(sub->format_)) {
-        slot = sub->slot_;
-        first = sub->first_frame_ && slot;
-        sub->first_frame_ = sub->first_frame_ && !slot;
-      }
-    }
-    if (slot) {
-      slot->Offer(map.data, GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info),
-                  GST_VIDEO_INFO_PLANE_STRIDE(&info, 0));
-    }
-    gst_buffer_unmap(buffer, &map);
-    if (first && sub->events_.video_started && !sub->stopped_) sub->events_.video_started();
-  }
+  const bool first = sub->video_.Deliver(sample);
   gst_sample_unref(sample);
+  if (first && sub->events_.video_started && !sub->stopped_) sub->events_.video_started();
   return GST_FLOW_OK;
 }
 
@@ -835,31 +807,85 @@ void Subscriber::SetPlayback(double gain, bool muted) {
 }
 
 void Subscriber::Render(FrameSlot* slot, ktengine_pixel_format format, int width, int height) {
+  video_.Render(slot, format, width, height);
+}
+
+void Subscriber::StopRender() { video_.Stop(); }
+
+// ---- RenderBranch ------------------------------------------------------------------------------
+
+RenderBranch::~RenderBranch() {
+  for (GstElement* element : {gate_, size_}) {
+    if (element) gst_object_unref(element);
+  }
+}
+
+void RenderBranch::Attach(GstElement* gate, GstElement* size) {
+  if (!gate || !size) return;
+  if (g_object_class_find_property(G_OBJECT_GET_CLASS(gate), "drop-mode")) {
+    // Caps and other sticky events pass the closed gate, so opening it needs no renegotiation.
+    gst_util_set_object_arg(G_OBJECT(gate), "drop-mode", "forward-sticky-events");
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (gate_ || size_) return;
+  gate_ = GST_ELEMENT(gst_object_ref(gate));
+  size_ = GST_ELEMENT(gst_object_ref(size));
+  Apply();
+}
+
+void RenderBranch::Render(FrameSlot* slot, ktengine_pixel_format format, int width, int height) {
   std::lock_guard<std::mutex> lock(mutex_);
   slot_ = slot;
   format_ = format;
   width_ = width;
   height_ = height;
-  ApplyRender();
+  Apply();
 }
 
-void Subscriber::StopRender() {
+void RenderBranch::Stop() {
   std::lock_guard<std::mutex> lock(mutex_);
   slot_ = nullptr;
-  ApplyRender();
+  Apply();
 }
 
-void Subscriber::ApplyRender() {
-  if (!gate_ || !caps_) return;
+void RenderBranch::Apply() {
+  if (!gate_ || !size_) return;
   if (slot_) {
     GstCaps* caps = gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING,
                                         gst_video_format_to_string(VideoFormat(format_)), "width",
                                         G_TYPE_INT, width_, "height", G_TYPE_INT, height_, nullptr);
-    g_object_set(caps_, "caps", caps, nullptr);
+    g_object_set(size_, "caps", caps, nullptr);
     gst_caps_unref(caps);
   }
-  first_frame_ = true;
+  first_ = true;
   g_object_set(gate_, "drop", slot_ == nullptr, nullptr);
+}
+
+bool RenderBranch::Deliver(GstSample* sample) {
+  GstVideoInfo info;
+  GstBuffer* buffer = gst_sample_get_buffer(sample);
+  GstMapInfo map;
+  if (!gst_video_info_from_caps(&info, gst_sample_get_caps(sample)) ||
+      !gst_buffer_map(buffer, &map, GST_MAP_READ)) {
+    return false;
+  }
+  FrameSlot* slot = nullptr;
+  bool first = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    // A picture still in the format of an earlier render request is not the host's.
+    if (GST_VIDEO_INFO_FORMAT(&info) == VideoFormat(format_)) {
+      slot = slot_;
+      first = first_ && slot;
+      first_ = first_ && !slot;
+    }
+  }
+  if (slot) {
+    slot->Offer(map.data, GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info),
+                GST_VIDEO_INFO_PLANE_STRIDE(&info, 0));
+  }
+  gst_buffer_unmap(buffer, &map);
+  return first;
 }
 
 }  // namespace ktopen

@@ -106,6 +106,37 @@ class Peer {
   std::atomic<bool> stopped_{false};
 };
 
+// The branch that turns a stream's pictures into the host's: a gate, closed while nobody renders
+// (so nothing is converted), and a caps filter that sets the host's format and size, ahead of an
+// appsink whose samples go to the rendering FrameSlot. A subscription's video and the self view
+// each have one. The host's threads render and stop; the streaming thread delivers.
+class RenderBranch {
+ public:
+  RenderBranch() = default;
+  RenderBranch(const RenderBranch&) = delete;
+  RenderBranch& operator=(const RenderBranch&) = delete;
+  ~RenderBranch();
+  // The branch's gate and caps filter, once they exist (references taken); a render asked for
+  // earlier is applied now.
+  void Attach(GstElement* gate, GstElement* size);
+  void Render(FrameSlot* slot, ktengine_pixel_format format, int width, int height);
+  void Stop();
+  // Hands the sample's picture to the rendering slot, unless it is still in the format of an
+  // earlier request. True for the first picture handed over since the render started.
+  bool Deliver(GstSample* sample);
+
+ private:
+  void Apply();  // REQUIRES: mutex_ held
+
+  std::mutex mutex_;
+  GstElement* gate_ = nullptr;  // GUARDED_BY(mutex_)
+  GstElement* size_ = nullptr;  // GUARDED_BY(mutex_)
+  FrameSlot* slot_ = nullptr;
+  ktengine_pixel_format format_ = KTENGINE_RGB888;
+  int width_ = 0, height_ = 0;
+  bool first_ = true;
+};
+
 class Publisher : public Peer {
  public:
   Publisher(const std::string& local_ip, const std::string& server_ip, PeerEvents events)
@@ -138,14 +169,10 @@ class Publisher : public Peer {
                     std::string* current, GstElement** source);
 
   static GstFlowReturn OnSelfSample(GstElement* sink, gpointer self);
-  void ApplySelf();  // REQUIRES: self_mutex_ held
 
   GstElement* audio_source_ = nullptr;
   GstElement* video_source_ = nullptr;
-  std::mutex self_mutex_;  // guards the self view's state: the host's thread and the camera's
-  FrameSlot* self_slot_ = nullptr;
-  ktengine_pixel_format self_format_ = KTENGINE_RGB888;
-  int self_width_ = 0, self_height_ = 0;
+  RenderBranch self_;       // the camera's pictures before encoding
   std::string microphone_;  // the device behind audio_source_ ("" silence)
   std::string camera_;      // the device behind video_source_ ("" black)
   static guint video_ssrc();
@@ -219,20 +246,14 @@ class Subscriber : public Peer {
  private:
   static void OnPadAdded(GstElement* webrtc, GstPad* pad, gpointer self);
   static GstFlowReturn OnSample(GstElement* sink, gpointer self);
-  void ApplyRender();
 
   std::string speaker_;
   std::mutex mutex_;
   GstElement* volume_ = nullptr;  // GUARDED_BY(mutex_)
-  GstElement* gate_ = nullptr;    // GUARDED_BY(mutex_)
-  GstElement* caps_ = nullptr;    // GUARDED_BY(mutex_)
   GstElement* sink_ = nullptr;    // GUARDED_BY(mutex_): the speaker's element
   double gain_ = 1.0;
   bool muted_ = false;
-  FrameSlot* slot_ = nullptr;
-  ktengine_pixel_format format_ = KTENGINE_RGB888;
-  int width_ = 0, height_ = 0;
-  bool first_frame_ = true;
+  RenderBranch video_;
 };
 
 }  // namespace ktopen
