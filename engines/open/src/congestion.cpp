@@ -86,13 +86,6 @@ void Publisher::AdaptBitrate() {
   last_report_at_ = std::chrono::steady_clock::now();
   const int before = bitrate_.target();
   const int after = bitrate_.Update(lost, round_trip);
-  // On a congested link every retransmission takes the place of new video and is lost again as
-  // likely: retransmitting stops until the link is clean again.
-  const bool congested = lost > 0.10;
-  if (congested != congested_) {
-    congested_ = congested;
-    SetRetransmitHistory(webrtc_, congested ? kNoRetransmitHistoryMs : kRetransmitHistoryMs);
-  }
   if (after == before) return;
   GstElement* encoder = gst_bin_get_by_name(GST_BIN(pipeline_), "encoder");
   if (!encoder) return;

@@ -729,11 +729,15 @@ void Subscriber::OnPadAdded(GstElement*, GstPad* pad, gpointer self) {
   const gchar* media = gst_structure_get_string(s, "media");
   const bool audio = media && std::strcmp(media, "audio") == 0;
   const bool video = media && std::strcmp(media, "video") == 0;
+  guint ssrc = 0, payload = 0;
+  gst_structure_get_uint(s, "ssrc", &ssrc);
+  gint pt = 0;
+  if (gst_structure_get_int(s, "payload", &pt)) payload = static_cast<guint>(pt);
   gst_caps_unref(caps);
-  // Decoding runs on the jitter buffer's thread, without a queue of its own. A loss that
-  // retransmission did not repair in time asks the sender for a key frame, and decoding goes on
-  // meanwhile (the picture shows the damage until the key frame comes rather than freezing);
-  // a subscription that starts between two key frames waits for one.
+  // Decoding runs on the jitter buffer's thread, without a queue of its own. After a loss that
+  // retransmission did not repair in time the pictures stop at the last whole one until a key
+  // frame comes (asked for by RequestKeyFrames), rather than showing the damage spread by every
+  // later frame; a subscription that starts between two key frames waits for one too.
   const char* description = nullptr;
   if (audio) {
     description =
@@ -741,7 +745,7 @@ void Subscriber::OnPadAdded(GstElement*, GstPad* pad, gpointer self) {
         "level interval=100000000 post-messages=true ! volume name=gain";
   } else if (video) {
     description =
-        "rtpvp8depay request-keyframe=true wait-for-keyframe=false ! vp8dec threads=1 ! valve "
+        "rtpvp8depay request-keyframe=true wait-for-keyframe=true ! vp8dec threads=1 ! valve "
         "name=gate drop=true ! videoconvert ! videoscale ! "
         "capsfilter name=size ! appsink name=frames max-buffers=1 drop=true sync=false";
   } else {
@@ -784,6 +788,8 @@ void Subscriber::OnPadAdded(GstElement*, GstPad* pad, gpointer self) {
     gst_object_unref(size);
   }
   GstPad* sink_pad = gst_element_get_static_pad(bin, "sink");
+  if (video) RequestKeyFrames(sub->webrtc_, sink_pad, ssrc, payload);
+  if (audio) StopAudioRetransmissionRequests(sub->webrtc_, ssrc);
   gst_pad_link(pad, sink_pad);
   gst_object_unref(sink_pad);
   gst_element_sync_state_with_parent(bin);

@@ -178,7 +178,6 @@ class Publisher : public Peer {
   static guint video_ssrc();
   BitrateController bitrate_{kVideoMinBitrate, kVideoMaxBitrate, kVideoMaxBitrate};
   guint last_report_highest_ = 0;
-  bool congested_ = false;
   std::chrono::steady_clock::time_point last_report_at_;
 };
 

@@ -1,11 +1,116 @@
 #include "recovery.h"
 
 #define GST_USE_UNSTABLE_API
+#include <gst/video/video.h>
 #include <gst/webrtc/webrtc.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
 
 namespace ktopen {
 
 namespace {
+
+bool MadeBy(GstElement* element, const char* factory_name) {
+  GstElementFactory* factory = gst_element_get_factory(element);
+  return factory && g_strcmp0(GST_OBJECT_NAME(factory), factory_name) == 0;
+}
+
+// Calls `visit` for every element inside the webrtcbin, at any depth, until it returns false.
+void ForEachElement(GstElement* webrtc, const std::function<bool(GstElement*)>& visit) {
+  GstIterator* children = gst_bin_iterate_recurse(GST_BIN(webrtc));
+  GValue item = G_VALUE_INIT;
+  bool more = true;
+  while (more && gst_iterator_next(children, &item) == GST_ITERATOR_OK) {
+    more = visit(GST_ELEMENT(g_value_get_object(&item)));
+    g_value_reset(&item);
+  }
+  g_value_unset(&item);
+  gst_iterator_free(children);
+}
+
+// The first element made by `factory_name` that `match` accepts (a new reference), or nullptr.
+GstElement* FindElement(GstElement* webrtc, const char* factory_name,
+                        const std::function<bool(GstElement*)>& match) {
+  GstElement* found = nullptr;
+  ForEachElement(webrtc, [&](GstElement* element) {
+    if (!MadeBy(element, factory_name) || !match(element)) return true;
+    found = GST_ELEMENT(gst_object_ref(element));
+    return false;
+  });
+  return found;
+}
+
+// The jitter buffer of the received stream `ssrc` (a new reference), or nullptr.
+GstElement* JitterBufferOf(GstElement* webrtc, guint ssrc) {
+  return FindElement(webrtc, "rtpjitterbuffer", [ssrc](GstElement* element) {
+    GstPad* sink = gst_element_get_static_pad(element, "sink");
+    GstCaps* caps = sink ? gst_pad_get_current_caps(sink) : nullptr;
+    guint its = 0;
+    const bool match = caps &&
+                       gst_structure_get_uint(gst_caps_get_structure(caps, 0), "ssrc", &its) &&
+                       its == ssrc;
+    if (caps) gst_caps_unref(caps);
+    if (sink) gst_object_unref(sink);
+    return match;
+  });
+}
+
+// Sends PLIs for one received video stream into the RTP session, one per kKeyFrameRequestGapMs
+// at most. Shared by the probes that trigger it, which run on different streaming threads.
+class KeyFrameRequester {
+ public:
+  KeyFrameRequester(GstPad* session_pad, guint ssrc, guint payload)
+      : session_pad_(session_pad), ssrc_(ssrc), payload_(payload) {}
+  KeyFrameRequester(const KeyFrameRequester&) = delete;
+  KeyFrameRequester& operator=(const KeyFrameRequester&) = delete;
+  ~KeyFrameRequester() { gst_object_unref(session_pad_); }
+
+  void Request() {
+    const gint64 now = g_get_monotonic_time();
+    gint64 last = last_us_.load();
+    if (last != 0 && now - last < static_cast<gint64>(kKeyFrameRequestGapMs) * 1000) return;
+    if (!last_us_.compare_exchange_strong(last, now)) return;  // another thread just sent one
+    // The session sends a PLI for an upstream key-unit request naming the SSRC (a FIR when all
+    // headers are asked for, which the server does not act on).
+    GstStructure* request =
+        gst_structure_new("GstForceKeyUnit", "all-headers", G_TYPE_BOOLEAN, FALSE, "ssrc",
+                          G_TYPE_UINT, ssrc_, "payload", G_TYPE_UINT, payload_, nullptr);
+    gst_pad_send_event(session_pad_, gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM, request));
+  }
+
+  static void Release(gpointer shared) {
+    delete static_cast<std::shared_ptr<KeyFrameRequester>*>(shared);
+  }
+
+ private:
+  GstPad* session_pad_;  // the RTP session's recv_rtp_src
+  const guint ssrc_, payload_;
+  std::atomic<gint64> last_us_{0};
+};
+
+KeyFrameRequester* RequesterOf(gpointer shared) {
+  return static_cast<std::shared_ptr<KeyFrameRequester>*>(shared)->get();
+}
+
+// On the decoding chain's sink pad: the depayloader's key-frame requests.
+GstPadProbeReturn OnDecoderRequest(GstPad*, GstPadProbeInfo* info, gpointer shared) {
+  if (!gst_video_event_is_force_key_unit(GST_PAD_PROBE_INFO_EVENT(info))) return GST_PAD_PROBE_OK;
+  RequesterOf(shared)->Request();
+  return GST_PAD_PROBE_DROP;
+}
+
+// On the jitter buffer's sink pad: its retransmission requests, the first try being 0.
+GstPadProbeReturn OnRetransmissionRequest(GstPad*, GstPadProbeInfo* info, gpointer shared) {
+  const GstStructure* s = gst_event_get_structure(GST_PAD_PROBE_INFO_EVENT(info));
+  guint retry = 0;
+  if (s && gst_structure_has_name(s, "GstRTPRetransmissionRequest") &&
+      gst_structure_get_uint(s, "retry", &retry) && retry >= 1) {
+    RequesterOf(shared)->Request();
+  }
+  return GST_PAD_PROBE_OK;
+}
 
 void Retransmit(GstWebRTCRTPTransceiver* transceiver) {
   // Audio is not retransmitted: Opus carries its own FEC, and the server neither asks for nor
@@ -31,12 +136,10 @@ void Retransmit(GstWebRTCRTPTransceiver* transceiver) {
 constexpr guint64 kRtcpMinIntervalNs = 20 * GST_MSECOND;
 constexpr double kRtcpFraction = 0.1;
 void OnElement(GstBin*, GstBin*, GstElement* element, gpointer) {
-  GstElementFactory* factory = gst_element_get_factory(element);
-  const gchar* kind = factory ? GST_OBJECT_NAME(factory) : "";
-  if (g_strcmp0(kind, "rtpsession") == 0) {
+  if (MadeBy(element, "rtpsession")) {
     g_object_set(element, "rtcp-min-interval", kRtcpMinIntervalNs, "rtcp-fraction", kRtcpFraction,
                  nullptr);
-  } else if (g_strcmp0(kind, "rtprtxsend") == 0) {
+  } else if (MadeBy(element, "rtprtxsend")) {
     g_object_set(element, "max-size-time", static_cast<guint>(kRetransmitHistoryMs), nullptr);
   }
 }
@@ -51,14 +154,10 @@ void EnableRetransmission(GstElement* webrtc) {
   g_signal_connect(webrtc, "on-new-transceiver", G_CALLBACK(&OnNewTransceiver), nullptr);
   // The RTP sessions and retransmission senders are made inside webrtcbin as streams appear.
   g_signal_connect(webrtc, "deep-element-added", G_CALLBACK(&OnElement), nullptr);
-  GstIterator* children = gst_bin_iterate_recurse(GST_BIN(webrtc));
-  GValue item = G_VALUE_INIT;
-  while (gst_iterator_next(children, &item) == GST_ITERATOR_OK) {
-    OnElement(GST_BIN(webrtc), nullptr, GST_ELEMENT(g_value_get_object(&item)), nullptr);
-    g_value_reset(&item);
-  }
-  g_value_unset(&item);
-  gst_iterator_free(children);
+  ForEachElement(webrtc, [webrtc](GstElement* element) {
+    OnElement(GST_BIN(webrtc), nullptr, element, nullptr);
+    return true;
+  });
   GArray* transceivers = nullptr;
   g_signal_emit_by_name(webrtc, "get-transceivers", &transceivers);
   for (guint i = 0; transceivers && i < transceivers->len; ++i) {
@@ -67,19 +166,30 @@ void EnableRetransmission(GstElement* webrtc) {
   if (transceivers) g_array_unref(transceivers);
 }
 
-void SetRetransmitHistory(GstElement* webrtc, unsigned ms) {
-  GstIterator* children = gst_bin_iterate_recurse(GST_BIN(webrtc));
-  GValue item = G_VALUE_INIT;
-  while (gst_iterator_next(children, &item) == GST_ITERATOR_OK) {
-    GstElement* element = GST_ELEMENT(g_value_get_object(&item));
-    GstElementFactory* factory = gst_element_get_factory(element);
-    if (factory && g_strcmp0(GST_OBJECT_NAME(factory), "rtprtxsend") == 0) {
-      g_object_set(element, "max-size-time", static_cast<guint>(ms), nullptr);
-    }
-    g_value_reset(&item);
+void RequestKeyFrames(GstElement* webrtc, GstPad* decoder_sink, guint ssrc, guint payload) {
+  GstElement* session = FindElement(webrtc, "rtpsession", [](GstElement*) { return true; });
+  GstPad* session_pad = session ? gst_element_get_static_pad(session, "recv_rtp_src") : nullptr;
+  if (session) gst_object_unref(session);
+  if (!session_pad) return;
+  auto requester = std::make_shared<KeyFrameRequester>(session_pad, ssrc, payload);
+  gst_pad_add_probe(decoder_sink, GST_PAD_PROBE_TYPE_EVENT_UPSTREAM, &OnDecoderRequest,
+                    new std::shared_ptr<KeyFrameRequester>(requester), &KeyFrameRequester::Release);
+  if (GstElement* jitter = JitterBufferOf(webrtc, ssrc)) {
+    g_object_set(jitter, "latency", kVideoJitterMs, nullptr);
+    GstPad* sink = gst_element_get_static_pad(jitter, "sink");
+    gst_pad_add_probe(sink, GST_PAD_PROBE_TYPE_EVENT_UPSTREAM, &OnRetransmissionRequest,
+                      new std::shared_ptr<KeyFrameRequester>(requester),
+                      &KeyFrameRequester::Release);
+    gst_object_unref(sink);
+    gst_object_unref(jitter);
   }
-  g_value_unset(&item);
-  gst_iterator_free(children);
+}
+
+void StopAudioRetransmissionRequests(GstElement* webrtc, guint ssrc) {
+  if (GstElement* jitter = JitterBufferOf(webrtc, ssrc)) {
+    g_object_set(jitter, "do-retransmission", FALSE, nullptr);
+    gst_object_unref(jitter);
+  }
 }
 
 GObject* InternalRtpSession(GstElement* webrtc) {
