@@ -36,21 +36,26 @@ TEST(FrameSlot, TakeWritesEachWaitingFrameOnceInOrderWithoutRowPadding) {
   EXPECT_TRUE(slot.rendering());
   EXPECT_EQ(slot.Take(), 0);  // nothing offered yet
 
-  // Three frames with 4 bytes of padding per row before the host polls: the two newest wait and
-  // arrive one a poll, oldest first, rows packed; the first was skipped.
-  std::vector<uint8_t> first(16 * 2, 0x11), second(16 * 2, 0x22), third(16 * 2, 0xee);
-  for (int i = 0; i < 12; ++i) third[i] = static_cast<uint8_t>(i), third[16 + i] = 100 + i;
+  // More frames than places, with 4 bytes of padding per row, before the host polls: the newest
+  // kPlaces wait and arrive one a poll, oldest first, rows packed; the first was skipped.
+  std::vector<uint8_t> first(16 * 2, 0x11), filler(16 * 2), last(16 * 2, 0xee);
+  for (int i = 0; i < 12; ++i) last[i] = static_cast<uint8_t>(i), last[16 + i] = 100 + i;
   slot.Offer(first.data(), 4, 2, 16);
-  slot.Offer(second.data(), 4, 2, 16);
-  slot.Offer(third.data(), 4, 2, 16);
+  for (int k = 0; k < FrameSlot::kPlaces - 1; ++k) {
+    std::fill(filler.begin(), filler.end(), static_cast<uint8_t>(0x20 + k));
+    slot.Offer(filler.data(), 4, 2, 16);
+  }
+  slot.Offer(last.data(), 4, 2, 16);
   EXPECT_TRUE(Even(frame));
+  for (int k = 0; k < FrameSlot::kPlaces - 1; ++k) {
+    ASSERT_EQ(slot.Take(), 1);
+    EXPECT_TRUE(Even(frame));
+    EXPECT_EQ(frame->frame_number, static_cast<uint32_t>(k + 1));
+    EXPECT_EQ(frame->data[0], 0x20 + k);
+    EXPECT_EQ(frame->data[23], 0x20 + k);
+  }
   ASSERT_EQ(slot.Take(), 1);
-  EXPECT_TRUE(Even(frame));
-  EXPECT_EQ(frame->frame_number, 1u);
-  EXPECT_EQ(frame->data[0], 0x22);
-  EXPECT_EQ(frame->data[23], 0x22);
-  ASSERT_EQ(slot.Take(), 1);
-  EXPECT_EQ(frame->frame_number, 2u);
+  EXPECT_EQ(frame->frame_number, static_cast<uint32_t>(FrameSlot::kPlaces));
   for (int i = 0; i < 12; ++i) {
     EXPECT_EQ(frame->data[i], i);
     EXPECT_EQ(frame->data[12 + i], 100 + i);
@@ -70,16 +75,16 @@ TEST(FrameSlot, TakeWritesEachWaitingFrameOnceInOrderWithoutRowPadding) {
   EXPECT_EQ(frame->width, 3);
   EXPECT_EQ(frame->height, 1);
   EXPECT_EQ(frame->stride, 9);
-  EXPECT_EQ(frame->frame_number, 4u);
+  EXPECT_EQ(frame->frame_number, static_cast<uint32_t>(FrameSlot::kPlaces + 2));
 
   // Once stopped, offers are ignored.
   slot.Stop();
   EXPECT_FALSE(slot.rendering());
-  slot.Offer(third.data(), 4, 2, 16);
+  slot.Offer(last.data(), 4, 2, 16);
   EXPECT_EQ(slot.Take(), 0);
 }
 
-TEST(FrameSlot, ABacklogOfOneFrameIsCutAfterHalfASecondOfPolls) {
+TEST(FrameSlot, ABacklogIsCutOneFrameAtATimeTheSoonerTheLongerItIs) {
   FrameSlot slot;
   ktengine_frame* frame = slot.Start("feed/video", KTENGINE_RGB888, 1, 1);
   uint8_t next = 0;
@@ -88,23 +93,28 @@ TEST(FrameSlot, ABacklogOfOneFrameIsCutAfterHalfASecondOfPolls) {
     slot.Offer(pixel, 1, 1, 3);
     ++next;
   };
-  // A burst leaves the host one frame behind; from then on one frame comes per poll.
+  // A burst leaves the host two frames behind; from then on one frame comes per poll.
+  offer();
   offer();
   offer();
   std::vector<int> shown;
-  for (int poll = 0; poll < FrameSlot::kMaxBacklogTakes + 4; ++poll) {
+  for (int poll = 0; poll < 2 * FrameSlot::kMaxBacklogTakes + 6; ++poll) {
     ASSERT_EQ(slot.Take(), 1);
     shown.push_back(frame->data[0]);
     offer();
   }
-  // Frames come in order, one apart, until the backlog has lasted kMaxBacklogTakes polls: then
-  // one frame is skipped and the host is level with the newest.
-  int skips = 0;
+  // Frames come in order; one frame is skipped on the first poll after kMaxBacklogTakes / 2 polls
+  // two behind, and one more on the first after kMaxBacklogTakes polls one behind (counted from
+  // the poll after the first skip): then the host is level with the newest.
+  std::vector<size_t> skipped_at;
   for (size_t i = 1; i < shown.size(); ++i) {
     ASSERT_GE(shown[i] - shown[i - 1], 1);
-    skips += shown[i] - shown[i - 1] - 1;
+    for (int k = 1; k < shown[i] - shown[i - 1]; ++k) skipped_at.push_back(i);
   }
-  EXPECT_EQ(skips, 1);
+  const size_t half = FrameSlot::kMaxBacklogTakes / 2, whole = FrameSlot::kMaxBacklogTakes;
+  ASSERT_EQ(skipped_at.size(), 2u);
+  EXPECT_EQ(skipped_at[0], half);
+  EXPECT_EQ(skipped_at[1], half + 1 + whole);
   EXPECT_EQ(shown.back(), next - 2);  // the newest was offered after the last poll
   EXPECT_EQ(slot.Take(), 1);
   EXPECT_EQ(slot.Take(), 0);

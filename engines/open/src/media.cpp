@@ -663,11 +663,11 @@ bool FrameSlot::rendering() const {
 void FrameSlot::Offer(const uint8_t* pixels, int width, int height, int stride) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!rendering_ || !frame_) return;
-  if (queued_ == 2) {  // the host is two frames behind: the oldest goes
-    oldest_ ^= 1;
-    queued_ = 1;
+  if (queued_ == kPlaces) {  // the host is that far behind: the oldest goes
+    oldest_ = (oldest_ + 1) % kPlaces;
+    --queued_;
   }
-  Picture& picture = waiting_[(oldest_ + queued_) % 2];
+  Picture& picture = waiting_[(oldest_ + queued_) % kPlaces];
   ++queued_;
   const int bpp = frame_->bytes_per_pixel;
   width = std::min(width, frame_->max_width);
@@ -685,13 +685,14 @@ int FrameSlot::Take() {
   std::lock_guard<std::mutex> write(write_mutex_);
   std::lock_guard<std::mutex> lock(mutex_);
   if (queued_ == 0 || !frame_) return 0;
-  if (queued_ == 2 && ++backlog_takes_ > kMaxBacklogTakes) {  // catch up
-    oldest_ ^= 1;
-    queued_ = 1;
+  if (queued_ > 1 && ++backlog_takes_ > kMaxBacklogTakes / (queued_ - 1)) {  // catch up by one
+    oldest_ = (oldest_ + 1) % kPlaces;
+    --queued_;
+    backlog_takes_ = 0;
   }
   if (queued_ == 1) backlog_takes_ = 0;
   const Picture& picture = waiting_[oldest_];
-  oldest_ ^= 1;
+  oldest_ = (oldest_ + 1) % kPlaces;
   --queued_;
   ktengine_frame* f = frame_;
   __atomic_add_fetch(&f->sequence, 1, __ATOMIC_ACQ_REL);  // odd: being written

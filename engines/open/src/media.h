@@ -183,10 +183,11 @@ class Publisher : public Peer {
 
 // The frames of one rendered stream, shared between the decoder's thread (which leaves frames
 // here) and the host's polling thread (which takes them into the stream's descriptor, one a
-// poll). Frames come in bursts when the jitter buffer lets go of those held for a retransmission:
-// two are kept, so that a burst is shown frame by frame instead of all but the last being
-// skipped; a backlog that outlasts kMaxBacklogTakes polls is cut by skipping one frame, so that it
-// never adds more than one frame of delay for long.
+// poll). Frames come in bursts when the jitter buffer lets go of those it held while a packet was
+// missing: up to kPlaces are kept, so that a burst is shown frame by frame instead of all but the
+// last being skipped (the host polls only as often as the sender sends, so the backlog shrinks
+// when a frame never comes). A backlog of n frames that outlasts kMaxBacklogTakes / (n - 1) polls
+// is cut by skipping one frame, so that it never adds delay for long, and a long one the least.
 class FrameSlot {
  public:
   FrameSlot() = default;
@@ -207,6 +208,7 @@ class FrameSlot {
   // Writes the oldest waiting frame into the descriptor: 1 when there was one.
   int Take();
 
+  static constexpr int kPlaces = 5;            // a sixth of a second at 30 frames a second
   static constexpr int kMaxBacklogTakes = 15;  // half a second of polls
 
  private:
@@ -219,9 +221,9 @@ class FrameSlot {
   mutable std::mutex mutex_;
   ktengine_frame* frame_ = nullptr;  // GUARDED_BY(mutex_)
   bool rendering_ = false;
-  Picture waiting_[2];  // a ring: the oldest at oldest_, queued_ of them
+  Picture waiting_[kPlaces];  // a ring: the oldest at oldest_, queued_ of them
   int oldest_ = 0, queued_ = 0;
-  int backlog_takes_ = 0;   // polls in a row that found two frames waiting
+  int backlog_takes_ = 0;   // polls in a row that found more than one frame waiting
   std::mutex write_mutex_;  // one Take at a time
 };
 
