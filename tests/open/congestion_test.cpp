@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "devices.h"
 #include "media.h"
@@ -36,6 +37,27 @@ TEST(BitrateController, FollowsTheLinkWithinItsBounds) {
   int reports = 0;
   while (low.target() < 500000 && reports < 30) low.Update(0.0, 0.002), ++reports;
   EXPECT_LE(reports, 14);
+}
+
+TEST(BitrateController, ManyRetransmissionRequestsCutAndTheFloodedRateIsPassedSlowly) {
+  BitrateController c(80000, 500000, 250000);
+  // The server asking again for a tenth of the packets is random loss; for 60% a flood.
+  EXPECT_EQ(c.OnRequests(0.1), 250000);
+  EXPECT_EQ(c.OnRequests(BitrateController::kHeavyRequests), 250000);
+  const int cut = c.OnRequests(0.6);
+  EXPECT_EQ(cut, 90000);  // what got through, less a tenth
+  // Back up by 20% a report to 85% of the flooded rate, by 5% to 115% of it, then by 20% again.
+  std::vector<int> rates{cut};
+  while (rates.back() < 500000 && rates.size() < 60) rates.push_back(c.Update(0.0, 0.002));
+  ASSERT_EQ(rates.back(), 500000);
+  int slow = 0;
+  for (size_t i = 1; i + 1 < rates.size(); ++i) {
+    const double growth = static_cast<double>(rates[i]) / rates[i - 1];
+    const bool near = rates[i - 1] >= 0.85 * 250000 && rates[i - 1] <= 1.15 * 250000;
+    EXPECT_EQ(growth < 1.07, near) << i;
+    slow += near;
+  }
+  EXPECT_GE(slow, 5);
 }
 
 }  // namespace

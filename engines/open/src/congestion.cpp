@@ -21,14 +21,31 @@ int BitrateController::Update(double fraction_lost, double round_trip_s) {
   const bool queueing = round_trip_s > 0 && round_trip_s > lowest_round_trip_ + 0.1;
   double next = target_;
   if (fraction_lost > 0.10) {
-    // What got through, and a little less: the link's share is found within a report or two.
-    next = target_ * (1.0 - fraction_lost) * 0.9;
+    // With a queue as well, the link carries less still (the queue must drain besides).
+    return Cut(fraction_lost, queueing ? 0.7 : 1.0);
   } else if (queueing) {
-    next = target_ * 0.9;
+    next = target_ * 0.7;
   } else if (fraction_lost < 0.02) {
-    next = target_ * 1.2 + 1000;
+    // Quickly up to near the rate that last flooded the link, slowly past it, and quickly again
+    // once well past it (the link has room now).
+    const bool near_flood = flooded_at_ > 0 && target_ >= kNearFlood * flooded_at_ &&
+                            target_ <= kPastFlood * flooded_at_;
+    next = near_flood ? target_ * 1.05 + 1000 : target_ * 1.2 + 1000;
   }
   target_ = std::clamp(static_cast<int>(next), min_, max_);
+  return target_;
+}
+
+int BitrateController::OnRequests(double fraction_requested) {
+  return fraction_requested > kHeavyRequests ? Cut(std::min(fraction_requested, 1.0), 1.0)
+                                             : target_;
+}
+
+int BitrateController::Cut(double fraction_lost, double more) {
+  // What got through, and a little less: the link's share is found within a report or two. A cut
+  // at the floor says nothing about the link (the queue left by earlier ones is still draining).
+  if (target_ > min_) flooded_at_ = target_;
+  target_ = std::clamp(static_cast<int>(target_ * (1.0 - fraction_lost) * 0.9 * more), min_, max_);
   return target_;
 }
 
@@ -86,11 +103,31 @@ void Publisher::AdaptBitrate() {
   last_report_at_ = std::chrono::steady_clock::now();
   const int before = bitrate_.target();
   const int after = bitrate_.Update(lost, round_trip);
-  if (after == before) return;
+  if (after != before) SetVideoBitrate(after);
+}
+
+void Publisher::SetVideoBitrate(int bps) {
   GstElement* encoder = gst_bin_get_by_name(GST_BIN(pipeline_), "encoder");
   if (!encoder) return;
-  g_object_set(encoder, "target-bitrate", after, nullptr);
+  g_object_set(encoder, "target-bitrate", bps, nullptr);
   gst_object_unref(encoder);
+}
+
+void Publisher::WatchRequests() {
+  if (!pipeline_ || stopped_) return;
+  const guint packets = video_packets_.load(), requests = RetransmissionRequests(webrtc_);
+  const guint sent = packets - watched_packets_, asked = requests - watched_requests_;
+  if (sent < kWatchedPackets) return;  // too few to tell yet
+  watched_packets_ = packets;
+  watched_requests_ = requests;
+  // A cut shows in the requests only once the queue it left has drained: one at a time.
+  const auto now = std::chrono::steady_clock::now();
+  if (now - last_cut_at_ < std::chrono::seconds(1)) return;
+  const int before = bitrate_.target();
+  const int after = bitrate_.OnRequests(std::min(1.0, static_cast<double>(asked) / sent));
+  if (after == before) return;
+  last_cut_at_ = now;
+  SetVideoBitrate(after);
 }
 
 bool Publisher::HeardFromServerWithin(std::chrono::milliseconds limit) const {

@@ -49,7 +49,8 @@ void Core::Tick() {
     Emit(kAudio,
          "<event name=\"output_meter\">" + Tag("meter", std::min(100, loudest)) + "</event>");
   }
-  if (++ticks_ % 10 == 0) {
+  if (++ticks_ % 3 == 0) publisher_->WatchRequests();
+  if (ticks_ % 10 == 0) {
     publisher_->AdaptBitrate();
     Conditions();
   }

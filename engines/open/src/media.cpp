@@ -429,6 +429,12 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
     GstPad* src = gst_element_get_static_pad(last, "src");
     GstPad* ghost = gst_ghost_pad_new(end, src);
     gst_element_add_pad(bin, ghost);
+    if (std::strcmp(end, "to_webrtc_v") == 0) {  // counts the packets sent, for WatchRequests
+      gst_pad_add_probe(
+          src,
+          static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST),
+          &Publisher::OnVideoPackets, this, nullptr);
+    }
     GstPad* sink = gst_element_request_pad_simple(webrtc_, "sink_%u");
     gst_pad_link(ghost, sink);
     gst_object_unref(sink);
@@ -470,6 +476,14 @@ bool Publisher::Start(const std::string& microphone, const std::string& camera, 
 }
 
 guint Publisher::video_ssrc() { return kVideoSsrc; }
+
+GstPadProbeReturn Publisher::OnVideoPackets(GstPad*, GstPadProbeInfo* info, gpointer self) {
+  const guint packets = (info->type & GST_PAD_PROBE_TYPE_BUFFER_LIST)
+                            ? gst_buffer_list_length(GST_PAD_PROBE_INFO_BUFFER_LIST(info))
+                            : 1;
+  static_cast<Publisher*>(self)->video_packets_ += packets;
+  return GST_PAD_PROBE_OK;
+}
 
 void Publisher::Swap(GstElement** current, GstElement* replacement, const char* downstream) {
   GstElement* bin = nullptr;

@@ -155,6 +155,10 @@ class Publisher : public Peer {
   // Sets the camera's bitrate from the server's newest receiver report, if there is a new one
   // (congestion.cpp). Call about once a second.
   void AdaptBitrate();
+  // Cuts the camera's bitrate when the server asked for many of the packets sent since the last
+  // call again (congestion.cpp): a flooded link is seen within a few hundred milliseconds. Call
+  // every few hundred milliseconds.
+  void WatchRequests();
   // Whether a new receiver report from the server came within `limit` (as of the last
   // AdaptBitrate): the server is alive, whatever its HTTP API does on a congested link.
   bool HeardFromServerWithin(std::chrono::milliseconds limit) const;
@@ -169,6 +173,9 @@ class Publisher : public Peer {
                     std::string* current, GstElement** source);
 
   static GstFlowReturn OnSelfSample(GstElement* sink, gpointer self);
+  void SetVideoBitrate(int bps);
+  static constexpr guint kWatchedPackets = 15;  // a quarter of a second at 500 kbit/s
+  static GstPadProbeReturn OnVideoPackets(GstPad* pad, GstPadProbeInfo* info, gpointer self);
 
   GstElement* audio_source_ = nullptr;
   GstElement* video_source_ = nullptr;
@@ -178,6 +185,9 @@ class Publisher : public Peer {
   static guint video_ssrc();
   BitrateController bitrate_{kVideoMinBitrate, kVideoMaxBitrate, kVideoMaxBitrate};
   guint last_report_highest_ = 0;
+  std::atomic<guint> video_packets_{0};  // RTP packets of the camera's stream sent so far
+  guint watched_packets_ = 0, watched_requests_ = 0;
+  std::chrono::steady_clock::time_point last_cut_at_;
   std::chrono::steady_clock::time_point last_report_at_;
 };
 

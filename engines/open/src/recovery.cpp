@@ -166,6 +166,19 @@ void EnableRetransmission(GstElement* webrtc) {
   if (transceivers) g_array_unref(transceivers);
 }
 
+guint RetransmissionRequests(GstElement* webrtc) {
+  guint total = 0;
+  ForEachElement(webrtc, [&total](GstElement* element) {
+    if (MadeBy(element, "rtprtxsend")) {
+      guint requests = 0;
+      g_object_get(element, "num-rtx-requests", &requests, nullptr);
+      total += requests;
+    }
+    return true;
+  });
+  return total;
+}
+
 void RequestKeyFrames(GstElement* webrtc, GstPad* decoder_sink, guint ssrc, guint payload) {
   GstElement* session = FindElement(webrtc, "rtpsession", [](GstElement*) { return true; });
   GstPad* session_pad = session ? gst_element_get_static_pad(session, "recv_rtp_src") : nullptr;

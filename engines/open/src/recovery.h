@@ -26,6 +26,9 @@ GObject* InternalRtpSession(GstElement* webrtc);
 // receiver got 17 frames a second, with it 20 to 23).
 inline constexpr unsigned kRetransmitHistoryMs = 250;
 
+// Retransmission requests a sending webrtcbin has received so far (one per packet asked for).
+guint RetransmissionRequests(GstElement* webrtc);
+
 // How long a received video stream waits for a missing packet: long enough for the server's later
 // tries. The server retransmits a packet to us at most once in 200 ms (a second request within
 // that time is ignored), and asks the sender again for a packet it lost itself 155 ms after the
