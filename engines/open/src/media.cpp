@@ -677,10 +677,7 @@ bool FrameSlot::rendering() const {
 void FrameSlot::Offer(const uint8_t* pixels, int width, int height, int stride) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!rendering_ || !frame_) return;
-  if (queued_ == kPlaces) {  // the host is that far behind: the oldest goes
-    oldest_ = (oldest_ + 1) % kPlaces;
-    --queued_;
-  }
+  if (queued_ == kPlaces) DropOldest();  // the host is that far behind
   Picture& picture = waiting_[(oldest_ + queued_) % kPlaces];
   ++queued_;
   const int bpp = frame_->bytes_per_pixel;
@@ -700,14 +697,12 @@ int FrameSlot::Take() {
   std::lock_guard<std::mutex> lock(mutex_);
   if (queued_ == 0 || !frame_) return 0;
   if (queued_ > 1 && ++backlog_takes_ > kMaxBacklogTakes / (queued_ - 1)) {  // catch up by one
-    oldest_ = (oldest_ + 1) % kPlaces;
-    --queued_;
+    DropOldest();
     backlog_takes_ = 0;
   }
   if (queued_ == 1) backlog_takes_ = 0;
   const Picture& picture = waiting_[oldest_];
-  oldest_ = (oldest_ + 1) % kPlaces;
-  --queued_;
+  DropOldest();  // its place is written only by a later Offer, under mutex_ like this copy
   ktengine_frame* f = frame_;
   __atomic_add_fetch(&f->sequence, 1, __ATOMIC_ACQ_REL);  // odd: being written
   f->width = picture.width;

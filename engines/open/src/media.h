@@ -226,7 +226,8 @@ class FrameSlot {
     std::vector<uint8_t> pixels;
     int width = 0, height = 0;
   };
-  void Clear() { queued_ = 0, backlog_takes_ = 0; }  // mutex_ held
+  void Clear() { queued_ = 0, backlog_takes_ = 0; }                    // mutex_ held
+  void DropOldest() { oldest_ = (oldest_ + 1) % kPlaces, --queued_; }  // mutex_ held, queued_ > 0
 
   mutable std::mutex mutex_;
   ktengine_frame* frame_ = nullptr;  // GUARDED_BY(mutex_)

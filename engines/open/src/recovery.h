@@ -53,6 +53,9 @@ void RequestKeyFrames(GstElement* webrtc, GstPad* decoder_sink, guint ssrc, guin
 
 // Turns off retransmission requests for the received audio stream `ssrc`: the server does not
 // retransmit audio (Opus in-band FEC and concealment cover a loss), so each request was wasted.
+// Done on the stream's jitter buffer: a transceiver made from the server's offer has no kind yet
+// when it appears (so EnableRetransmission asks for everything), and turning its do-nack off
+// once the description is set did not reach the jitter buffer (still ~280 requests a run).
 void StopAudioRetransmissionRequests(GstElement* webrtc, guint ssrc);
 
 // A receiving peer's answer with the SSRC its RTCP is sent from announced in the video section.
